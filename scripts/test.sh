@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Builds kel and runs every check: the test suite (with the installed-package
+# consumer and the command-line tests), the same suite under AddressSanitizer
+# and UndefinedBehaviorSanitizer, the scalar (KEL_NO_SIMD) build's tests, and
+# each fuzz target for a short while. Any failure fails the run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+jobs=${KEL_JOBS:-$(nproc)}
+fuzz_seconds=${KEL_FUZZ_SECONDS:-20}
+out=${KEL_BUILD_ROOT:-$root/build-ci}
+
+bash scripts/setup.sh
+
+step() { printf '\n==== %s\n' "$*"; }
+
+step "release build with benchmarks"
+cmake -S . -B "$out/release" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKEL_BUILD_BENCH=ON -DKEL_WERROR=ON >/dev/null
+cmake --build "$out/release" -j "$jobs"
+step "tests"
+ctest --test-dir "$out/release" -j "$jobs" --output-on-failure
+
+step "AddressSanitizer + UndefinedBehaviorSanitizer build"
+cmake -S . -B "$out/asan" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEL_SANITIZE=address,undefined >/dev/null
+cmake --build "$out/asan" -j "$jobs"
+step "tests under sanitizers"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir "$out/asan" -j "$jobs" --output-on-failure
+
+step "scalar build (KEL_NO_SIMD)"
+cmake -S . -B "$out/scalar" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKEL_NO_SIMD=ON -DKEL_BUILD_TOOLS=OFF >/dev/null
+cmake --build "$out/scalar" -j "$jobs"
+ctest --test-dir "$out/scalar" -j "$jobs" --output-on-failure -E installed_package_consumer
+
+if ls fuzz/*_fuzz.cpp >/dev/null 2>&1; then
+  step "fuzz targets, ${fuzz_seconds}s each"
+  CC=clang CXX=clang++ cmake -S . -B "$out/fuzz" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DKEL_BUILD_FUZZ=ON -DKEL_BUILD_TESTS=OFF -DKEL_BUILD_TOOLS=OFF -DKEL_SANITIZE=address,undefined >/dev/null
+  cmake --build "$out/fuzz" -j "$jobs"
+  for src in fuzz/*_fuzz.cpp; do
+    name=$(basename "$src" .cpp)
+    corpus="$out/fuzz/corpus-$name"
+    mkdir -p "$corpus"
+    seeds=()
+    [ -d "fuzz/corpus/$name" ] && seeds=("fuzz/corpus/$name")
+    echo "fuzz: $name"
+    "$out/fuzz/fuzz/$name" -max_total_time="$fuzz_seconds" -print_final_stats=1 "$corpus" "${seeds[@]}" \
+      2>"$out/fuzz/$name.log" || { tail -50 "$out/fuzz/$name.log"; exit 1; }
+    grep -E 'stat::number_of_executed_units' "$out/fuzz/$name.log" || true
+  done
+fi
+
+step "summary"
+ctest --test-dir "$out/release" -j "$jobs" 2>&1 | tail -n 3

@@ -1,0 +1,14 @@
+// Writes 8-bit RGBA or grey pictures as PNG for the kel tool (heightmaps,
+// decoded textures). Throws std::runtime_error when the file cannot be written.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace cli {
+
+// `pixels` holds height rows of `stride` bytes; channels is 1 (grey) or 4 (RGBA).
+void WritePng(const std::string& path, const std::uint8_t* pixels, std::uint32_t width, std::uint32_t height,
+              std::size_t stride, int channels);
+
+}  // namespace cli
