@@ -51,4 +51,4 @@ if ls fuzz/*_fuzz.cpp >/dev/null 2>&1; then
 fi
 
 step "summary"
-ctest --test-dir "$out/release" -j "$jobs" 2>&1 | tail -n 3
+ctest --test-dir "$out/release" -j "$jobs" 2>&1 | grep -E "tests passed|tests failed"
