@@ -13,6 +13,7 @@
 #include "kel/tiles/tile_cache.h"
 #include "kel/tiles/tile_coords.h"
 #include "kel/tiles/tile_set_info.h"
+#include "kel/sff/sff_copy.h"
 #include "kel/sff/sff_file_stream.h"
 #include "kel/sff/sff_reader.h"
 #include "kel/sff/sff_stream.h"

@@ -94,13 +94,13 @@ public:
       if (have == r_.scratchSize_)
         Grow(r_.scratch_, r_.scratchSize_, std::min(n, std::max(2 * r_.scratchSize_, have + kBufferSize)));
       const std::size_t room = std::min(n, r_.scratchSize_) - have;
-      if (n - have >= kBufferSize) {
+      if (n - have >= kBufferSize && pos_ == end_) {
         // Big remainders go straight from the source into the scratch.
         const std::size_t got = source_.read(r_.scratch_ + have, room);
         if (!got) Truncated();
         have += got;
       } else {
-        refill();
+        if (pos_ == end_) refill();
         if (pos_ == end_) Truncated();
         const std::size_t c = std::min(room, static_cast<std::size_t>(end_ - pos_));
         std::memcpy(r_.scratch_ + have, pos_, c);
