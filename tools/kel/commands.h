@@ -5,3 +5,5 @@
 #include <vector>
 
 int RunTileCommand(const std::vector<std::string>& words);
+int RunSffCommand(const std::vector<std::string>& words);
+int RunCacheCommand(const std::vector<std::string>& words);

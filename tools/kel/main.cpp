@@ -19,6 +19,8 @@ struct Group {
 
 const Group kGroups[] = {
     {"tile", "quadtree tile addressing and index ranges", &RunTileCommand},
+    {"sff", "SFF scene files: dump, pack, unpack", &RunSffCommand},
+    {"cache", "tile cache file names and states", &RunCacheCommand},
 };
 
 void PrintHelp() {
