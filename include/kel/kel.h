@@ -10,5 +10,6 @@
 #include "kel/core/wexception.h"
 #include "kel/image/image.h"
 #include "kel/image/image_util.h"
+#include "kel/spatial/bvh.h"
 #include "kel/tiles/tile_coords.h"
 #include "kel/tiles/tile_set_info.h"
