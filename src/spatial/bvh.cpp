@@ -9,6 +9,7 @@
 #include <cstring>
 #include <new>
 
+#include "spatial/detail/aligned_memory.h"
 #include "spatial/detail/lane4.h"
 
 namespace kel::fdo {
@@ -40,20 +41,20 @@ void simple_primitive_iterator::getBox(int index, box& out) {
 int simple_primitive_iterator::count() { return triangleCount_; }
 
 void bvh::AlignedFree::operator()(void* p) const noexcept { std::free(p); }
+void bvh::NodeFree::operator()(node* p) const noexcept { std::free(reinterpret_cast<unsigned char*>(p) - 32); }
 
 namespace {
 
 template <typename T>
 T* AllocAligned(std::size_t n) {
-  const std::size_t bytes = std::max<std::size_t>(16, (n * sizeof(T) + 15) / 16 * 16);
-  void* p = std::aligned_alloc(16, bytes);
-  if (!p) throw std::bad_alloc();
-  return static_cast<T*>(p);
+  return static_cast<T*>(detail::AllocBlock(n * sizeof(T), 16));
 }
 
-struct FreeDeleter {
-  void operator()(void* p) const noexcept { std::free(p); }
-};
+node* AllocNodes(std::size_t n) {
+  return reinterpret_cast<node*>(static_cast<unsigned char*>(detail::AllocBlock(n * sizeof(node) + 32, 64)) + 32);
+}
+
+using FreeDeleter = detail::BlockFree;
 
 // Build scratch for one primitive, kept in slot order and swapped along with
 // the index array, so every pass over a node's slice reads memory in sequence.
@@ -148,7 +149,7 @@ void bvh::build(bvh_primitive_iterator& primitives) {
 
   const std::int64_t m = (2 * std::int64_t{n}) / 4;
   nodeCapacity = int(m / 2 + m + 1);
-  nodes.reset(AllocAligned<node>(std::size_t(nodeCapacity)));
+  nodes.reset(AllocNodes(std::size_t(nodeCapacity)));
   nodeCount = 1;
   nodes[0] = node{0, 0, 0, 0, 0, 0, 0, n};
   if (n == 0) return;
@@ -208,7 +209,7 @@ void bvh::build(bvh_primitive_iterator& primitives) {
     if (nodeCount + 2 > nodeCapacity) {
       const std::int64_t grown = std::max<std::int64_t>(std::int64_t{nodeCapacity} + nodeCapacity / 2,
                                                         std::int64_t{nodeCapacity} + 2);
-      aligned_array<node> bigger(AllocAligned<node>(std::size_t(grown)));
+      node_array bigger(AllocNodes(std::size_t(grown)));
       std::memcpy(bigger.get(), nodes.get(), sizeof(node) * std::size_t(nodeCount));
       nodes = std::move(bigger);
       nodeCapacity = int(grown);
@@ -374,7 +375,7 @@ void bvh::setNodes(const node* data, int n) {
   nodes.reset();
   nodeCount = nodeCapacity = 0;
   if (n <= 0) return;
-  nodes.reset(AllocAligned<node>(std::size_t(n)));
+  nodes.reset(AllocNodes(std::size_t(n)));
   std::memcpy(nodes.get(), data, sizeof(node) * std::size_t(n));
   nodeCount = nodeCapacity = n;
 }

@@ -128,13 +128,19 @@ private:
   struct AlignedFree {
     void operator()(void* p) const noexcept;
   };
+  // Node arrays start 32 bytes past a cache-line boundary, so each pair of
+  // siblings (odd index, next even index) shares one 64-byte line.
+  struct NodeFree {
+    void operator()(node* p) const noexcept;
+  };
   template <typename T>
   using aligned_array = std::unique_ptr<T[], AlignedFree>;
+  using node_array = std::unique_ptr<node[], NodeFree>;
 
   void intersectGeneral(hit& io, const ray& r, bvh_primitive_intersector& x) const;
   void intersectVertical(hit& io, const ray& r, bvh_primitive_intersector& x) const;
 
-  aligned_array<node> nodes;
+  node_array nodes;
   std::int32_t nodeCount = 0;
   std::int32_t nodeCapacity = 0;
   aligned_array<std::uint32_t> primitiveIndices;
