@@ -1,0 +1,204 @@
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include "kel/core/wexception.h"
+#include "kel/sff/sff_file_stream.h"
+#include "kel/sff/sff_reader.h"
+#include "kel/sff/sff_writer.h"
+#include "kel/sff/sff_zlib_stream.h"
+#include "sff/recording_callback.h"
+
+namespace kel {
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+namespace fs = std::filesystem;
+
+std::wstring ErrorOf(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const wexception& e) {
+    return e.message();
+  }
+  return L"";
+}
+
+fs::path TempDir() {
+  const fs::path dir = fs::temp_directory_path() / ("kel_sff_test_" + std::to_string(::getpid()));
+  fs::create_directories(dir);
+  return dir;
+}
+
+Bytes Noise(std::size_t n, unsigned seed) {
+  std::mt19937 rng(seed);
+  Bytes b(n);
+  // Half random, half runs: compresses, but not to nothing.
+  for (std::size_t i = 0; i < n; ++i) b[i] = (i / 1000) % 2 ? static_cast<unsigned char>(rng()) : static_cast<unsigned char>(i / 7);
+  return b;
+}
+
+TEST(SffBuffIs, ReadsPastTheEndReturnZeroAndKeepThePosition) {
+  const unsigned char data[5] = {1, 2, 3, 4, 5};
+  sff_buff_is in(data, 5);
+  unsigned char out[8] = {};
+  EXPECT_EQ(in.read(out, 3), 3u);
+  EXPECT_EQ(in.read(out, 8), 2u);
+  EXPECT_EQ(out[0], 4);
+  EXPECT_EQ(in.read(out, 8), 0u);
+  EXPECT_EQ(in.read(out, 0), 0u);
+  in.reset();
+  EXPECT_EQ(in.read(out, 8), 5u);
+  EXPECT_EQ(out[4], 5);
+}
+
+TEST(SffFileStreams, WriteAndReadBackThroughANonAsciiUtf8Path) {
+  const fs::path path = TempDir() / fs::path("t\xC3\xA8st_\xE6\x97\xA5\xE6\x9C\xAC.sff");
+  const std::string utf8 = path.string();
+  const float xyz[3] = {1, 2, 3};
+  {
+    sff_file_os out(utf8.c_str());
+    sff_writer w(out, true);
+    w.beginC(3);
+    w.writePositions(xyz, 1);
+    w.end();
+  }
+  EXPECT_TRUE(fs::exists(path));
+  sff_file_is in(utf8.c_str());
+  test::RecordingCallback cb;
+  sff_reader().read(in, cb);
+  EXPECT_EQ(cb.events, (std::vector<std::string>{"begin C 3", "positions 1 0000803f0000004000004040", "end 67 3"}));
+  fs::remove(path);
+}
+
+TEST(SffFileStreams, OpenFailuresThrowTheirMessages) {
+  const std::string missing = (TempDir() / "no_such_dir" / "x.sff").string();
+  EXPECT_EQ(ErrorOf([&] { sff_file_os out(missing.c_str()); }), L"Failed to create SFF file.");
+  EXPECT_EQ(ErrorOf([&] { sff_file_is in(missing.c_str()); }), L"Failed to open SFF file.");
+  EXPECT_EQ(ErrorOf([&] { sff_file_is in(nullptr); }), L"Failed to open SFF file.");
+}
+
+TEST(SffFileStreams, ResetRewindsToTheFirstByte) {
+  const std::string path = (TempDir() / "reset.bin").string();
+  {
+    sff_file_os out(path.c_str());
+    out.write("abcdef", 6);
+  }
+  sff_file_is in(path.c_str());
+  char b[6];
+  EXPECT_EQ(in.read(b, 4), 4u);
+  in.reset();
+  EXPECT_EQ(in.read(b, 6), 6u);
+  EXPECT_EQ(std::string(b, 6), "abcdef");
+  EXPECT_EQ(in.read(b, 6), 0u);
+}
+
+TEST(ZlibStreams, CompressedBytesAreAPlainZlibStream) {
+  const Bytes data = Noise(300000, 1);
+  sff_buff_os sink;
+  {
+    deflating_output_stream z(sink, 1);
+    z.write(data.data(), 100);
+    z.write(data.data() + 100, data.size() - 100);
+  }
+  Bytes back(data.size());
+  uLongf size = back.size();
+  ASSERT_EQ(uncompress(back.data(), &size, sink.bytes().data(), sink.bytes().size()), Z_OK);
+  EXPECT_EQ(size, data.size());
+  EXPECT_EQ(back, data);
+}
+
+TEST(ZlibStreams, ReadsStraddlingTheBufferMatchOneShotReads) {
+  const Bytes data = Noise(400000, 2);
+  sff_buff_os sink;
+  {
+    deflating_output_stream z(sink);
+    z.write(data.data(), data.size());
+  }
+  for (const std::size_t step : {std::size_t{1}, std::size_t{1000}, std::size_t{65535}, std::size_t{65536},
+                                 std::size_t{65537}, std::size_t{131073}, std::size_t{1} << 20}) {
+    sff_buff_is src(sink.bytes().data(), sink.bytes().size());
+    inflating_input_stream in(src);
+    Bytes got;
+    Bytes chunk(step);
+    for (;;) {
+      const std::size_t n = in.read(chunk.data(), step);
+      got.insert(got.end(), chunk.begin(), chunk.begin() + n);
+      if (n < step) break;
+    }
+    EXPECT_EQ(got, data) << step;
+    EXPECT_EQ(in.read(chunk.data(), step), 0u);
+  }
+}
+
+TEST(ZlibStreams, ResetRestartsAfterTheCallerRewindsTheSource) {
+  const Bytes data = Noise(100000, 3);
+  sff_buff_os sink;
+  { deflating_output_stream z(sink); z.write(data.data(), data.size()); }
+  sff_buff_is src(sink.bytes().data(), sink.bytes().size());
+  inflating_input_stream in(src);
+  Bytes first(5000);
+  ASSERT_EQ(in.read(first.data(), first.size()), first.size());
+  src.reset();
+  in.reset();
+  Bytes all(data.size());
+  EXPECT_EQ(in.read(all.data(), all.size()), all.size());
+  EXPECT_EQ(all, data);
+}
+
+TEST(ZlibStreams, CorruptDataThrowsInflateErrorAndStaysFailed) {
+  const Bytes data = Noise(100000, 4);
+  sff_buff_os sink;
+  { deflating_output_stream z(sink); z.write(data.data(), data.size()); }
+  Bytes bad = sink.bytes();
+  bad[0] ^= 0xFF;  // broken zlib header
+  sff_buff_is src(bad.data(), bad.size());
+  inflating_input_stream in(src);
+  Bytes out(1000);
+  EXPECT_EQ(ErrorOf([&] { in.read(out.data(), out.size()); }), L"Inflate error.");
+  EXPECT_EQ(ErrorOf([&] { in.read(out.data(), out.size()); }), L"Inflate error.");
+}
+
+TEST(ZlibStreams, BytesAfterTheStreamEndAreIgnored) {
+  sff_buff_os sink;
+  {
+    sff_writer w(sink, true);
+    w.writeScalar(9);
+  }
+  Bytes b = sink.bytes();
+  b.insert(b.end(), {0x01, 0x05, 0x07});
+  sff_buff_is in(b.data(), b.size());
+  test::RecordingCallback cb;
+  sff_reader().read(in, cb);
+  EXPECT_EQ(cb.events, (std::vector<std::string>{"scalar 9"}));
+}
+
+TEST(ZlibStreams, BadLevelFailsToInit) {
+  sff_buff_os sink;
+  EXPECT_EQ(ErrorOf([&] { deflating_output_stream z(sink, 42); }), L"Failed to init ZIP stream");
+  EXPECT_EQ(ErrorOf([&] { sff_writer w(sink, true, 42); }), L"Failed to init ZIP stream");
+}
+
+TEST(ZlibStreams, FinishCompletesTheStreamOnceAndDropsLaterWrites) {
+  sff_buff_os sink;
+  sff_writer w(sink, true);
+  w.writeScalar(1);
+  w.finish();
+  const std::size_t size = sink.bytes().size();
+  w.writeScalar(2);
+  w.finish();
+  EXPECT_EQ(sink.bytes().size(), size);
+  sff_buff_is in(sink.bytes().data(), size);
+  test::RecordingCallback cb;
+  sff_reader().read(in, cb);
+  EXPECT_EQ(cb.events, (std::vector<std::string>{"scalar 1"}));
+}
+
+}  // namespace
+}  // namespace kel
