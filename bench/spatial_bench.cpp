@@ -9,20 +9,22 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
+#include <kel/sff/sff_file_stream.h>
+#include <kel/sff/sff_writer.h>
 #include <kel/spatial/bvh.h>
+#include <kel/spatial/sff2bvh.h>
 
 #include "spatial/detail/aligned_memory.h"
-#include "spatial/detail/triangle.h"
 
 #if KEL_HAVE_EMBREE
 #include <embree3/rtcore.h>
 #endif
 
-namespace kel::fdo { KEL_API extern long long gVisits; }
 namespace {
 
 using kel::fdo::bvh;
@@ -86,21 +88,6 @@ Scene MakeScene() {
   return s;
 }
 
-class SceneIntersector : public kel::fdo::bvh_primitive_intersector {
-public:
-  explicit SceneIntersector(const Scene& s) : s_(s) {}
-  bool intersect(int i, const ray& r, float* out) override {
-    ++calls;
-    const std::uint32_t* t = &s_.tri[3 * std::size_t(i)];
-    return kel::fdo::detail::RayTriangle(&s_.xyz[3 * t[0]], &s_.xyz[3 * t[1]], &s_.xyz[3 * t[2]], r, FLT_MAX, out);
-  }
-
-  std::uint64_t calls = 0;
-
-private:
-  const Scene& s_;
-};
-
 ray MakeRay(float ox, float oy, float oz, float dx, float dy, float dz) {
   ray r{};
   r.origin[0] = ox, r.origin[1] = oy, r.origin[2] = oz;
@@ -133,7 +120,7 @@ std::vector<ray> RandomRays(const Scene& s, int n) {
 
 struct World {
   Scene scene = MakeScene();
-  bvh tree;
+  std::unique_ptr<kel::SFF2BVH> tile;  // queries go through the tile loader's tree and intersector
   std::vector<ray> vertical = VerticalRays(scene, 1 << 18);
   std::vector<ray> random = RandomRays(scene, 1 << 18);
 #if KEL_HAVE_EMBREE
@@ -152,7 +139,21 @@ void BuildOurs(bvh& tree, const Scene& s) {
   tree.build(it);
 }
 
-float PickOurs(const bvh& tree, SceneIntersector& x, const ray& r) {
+// The scene as a one-mesh tile file in memory, read back by the tile loader.
+std::unique_ptr<kel::SFF2BVH> LoadTile(const Scene& s) {
+  kel::sff_buff_os bytes;
+  {
+    kel::sff_writer writer(bytes, false);
+    writer.beginC(1);
+    writer.writePositions(s.xyz.data(), s.xyz.size() / 3);
+    writer.writeIntegers(s.tri.data(), s.tri.size());
+    writer.end();
+  }
+  kel::sff_buff_is source(bytes.bytes().data(), bytes.bytes().size());
+  return std::make_unique<kel::SFF2BVH>(source);
+}
+
+float PickOurs(const bvh& tree, kel::fdo::bvh_primitive_intersector& x, const ray& r) {
   hit h{~0u, FLT_MAX};
   tree.intersect(h, r, x);
   return h.t;
@@ -206,10 +207,11 @@ template <bool Vertical>
 void BM_Pick_Ours(benchmark::State& state) {
   World& w = TheWorld();
   const auto& rays = Vertical ? w.vertical : w.random;
-  SceneIntersector x(w.scene);
+  const bvh& tree = *w.tile->getBVH();
+  auto& x = *w.tile->getIntersector();
   std::size_t i = 0;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(PickOurs(w.tree, x, rays[i]));
+    benchmark::DoNotOptimize(PickOurs(tree, x, rays[i]));
     i = (i + 1) & (rays.size() - 1);
   }
   state.SetItemsProcessed(state.iterations());
@@ -242,12 +244,12 @@ void BM_Pick_Embree(benchmark::State& state) {
 // relative 1e-4 (the two sides round differently).
 
 void CheckAgreement(const char* label, const std::vector<ray>& rays) {
-  kel::fdo::gVisits = 0;
   World& w = TheWorld();
-  SceneIntersector x(w.scene);
+  const bvh& tree = *w.tile->getBVH();
+  auto& x = *w.tile->getIntersector();
   std::size_t hits = 0, agree = 0;
   for (const ray& r : rays) {
-    const float ours = PickOurs(w.tree, x, r);
+    const float ours = PickOurs(tree, x, r);
     hits += ours < FLT_MAX;
 #if KEL_HAVE_EMBREE
     const float theirs = PickEmbree(w.embree, r);
@@ -258,7 +260,6 @@ void CheckAgreement(const char* label, const std::vector<ray>& rays) {
     ++agree;
 #endif
   }
-  std::printf("%-9s %.1f triangle tests per ray %.1f nodes\n", label, double(x.calls) / double(rays.size()), double(kel::fdo::gVisits)/ double(rays.size()));
   std::printf("%-9s rays %zu, hits %zu, same nearest distance as Embree on %zu (%.4f%%)\n", label, rays.size(), hits,
               agree, 100.0 * double(agree) / double(rays.size()));
 }
@@ -301,11 +302,15 @@ BENCHMARK_TEMPLATE(BM_Pick_Embree, false)->Repetitions(3)->ReportAggregatesOnly(
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   World& w = TheWorld();
-  BuildOurs(w.tree, w.scene);
+  w.tile = LoadTile(w.scene);
+  if (!w.tile->valid()) {
+    std::fprintf(stderr, "the scene did not load as a tile\n");
+    return 1;
+  }
 #if KEL_HAVE_EMBREE
   w.embree = BuildEmbree(w.device, w.scene);
 #endif
-  std::printf("scene: %d triangles, bvh nodes %d\n", w.scene.triangles(), w.tree.getNodeCount());
+  std::printf("scene: %d triangles, bvh nodes %d\n", w.scene.triangles(), w.tile->getBVH()->getNodeCount());
   CheckAgreement("vertical", w.vertical);
   CheckAgreement("random", w.random);
   RatioReporter reporter;

@@ -11,6 +11,7 @@
 #include "kel/image/image.h"
 #include "kel/image/image_util.h"
 #include "kel/spatial/bvh.h"
+#include "kel/spatial/sff2bvh.h"
 #include "kel/tiles/tile_cache.h"
 #include "kel/tiles/tile_coords.h"
 #include "kel/tiles/tile_set_info.h"
