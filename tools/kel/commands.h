@@ -5,3 +5,5 @@
 #include <vector>
 
 int RunTileCommand(const std::vector<std::string>& words);
+int RunPickCommand(const std::vector<std::string>& words);
+int RunBvhCommand(const std::vector<std::string>& words);
