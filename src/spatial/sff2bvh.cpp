@@ -92,7 +92,7 @@ public:
     // Vertex numbers are 32-bit; a soup that would outgrow them keeps what fits.
     const std::size_t room = std::size_t{kBadIndex} - vertices_->size() / 3;
     count = std::min(count, room);
-    std::memcpy(vertices_->extend(3 * count), data, 12 * count);
+    if (count) std::memcpy(vertices_->extend(3 * count), data, 12 * count);
     verticesSeen_ = 1;
   }
 

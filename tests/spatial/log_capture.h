@@ -18,6 +18,7 @@ public:
     std::string message;
   };
   std::vector<Event> events;
+  ~RecordingAppender() override { destructorImpl(); }
   void close() override {}
 
   int countOf(const std::string& message) const {

@@ -185,6 +185,7 @@ TEST(Sff2Bvh, FilesWithoutTrianglesAreInvalid) {
       {"bad magic", {'S', 'F', 'F', '9', 0, 0}},
       {"empty", {}},
   };
+  test::LogCapture capture;
   for (const Case& c : cases) {
     const SFF2BVH tile = Load(c.bytes);
     EXPECT_FALSE(tile.valid()) << c.label;
@@ -203,6 +204,7 @@ TEST(Sff2Bvh, UnreadableFileLogsAnErrorAndStaysInvalid) {
 }
 
 TEST(Sff2Bvh, EveryTruncatedPrefixLoadsWithoutThrowing) {
+  test::LogCapture capture;
   Mesh a{Tri(0, 0, 1), std::vector<std::uint64_t>{0, 1, 2}}, b{Tri(5, 5, 2), {}};
   for (bool compress : {false, true}) {
     const auto bytes = WriteTile({a, b}, compress);
