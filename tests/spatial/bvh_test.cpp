@@ -186,6 +186,26 @@ TEST(Bvh, VerticalRaysAgreeWithSlightlyTiltedRays) {
   }
 }
 
+TEST(Bvh, OnlyExactlyVerticalRaysTakeTheColumnWalk) {
+  // A ray along the box's x = 0 face: the slab test meets 0 * inf there and
+  // misses, the column walk takes the face as inside and finds the edge.
+  Soup s;
+  s.xyz = {0, 0, 0, 2, 0, 0, 0, 2, 0};
+  s.tri = {0, 1, 2};
+  bvh tree;
+  Build(tree, s);
+  SoupIntersector x(s);
+  struct Case {
+    float dz;
+    bool hits;
+  };
+  for (const Case c : {Case{-1.0f, true}, Case{1.0f, true}, Case{-0.5f, false}, Case{0.5f, false}}) {
+    hit h{~0u, FLT_MAX};
+    tree.intersect(h, MakeRay(0, 0.5f, c.dz < 0 ? 5.0f : -5.0f, 0, 0, c.dz), x);
+    EXPECT_EQ(h.primitive != ~0u, c.hits) << c.dz;
+  }
+}
+
 TEST(Bvh, FourOrFewerPrimitivesMakeOneLeaf) {
   std::mt19937 rng(5);
   for (int n = 1; n <= 4; ++n) {
