@@ -10,6 +10,8 @@
 #include "kel/core/wexception.h"
 #include "kel/image/image.h"
 #include "kel/image/image_util.h"
+#include "kel/spatial/bvh.h"
+#include "kel/spatial/sff2bvh.h"
 #include "kel/tiles/tile_cache.h"
 #include "kel/tiles/tile_coords.h"
 #include "kel/tiles/tile_set_info.h"

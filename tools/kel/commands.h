@@ -7,3 +7,5 @@
 int RunTileCommand(const std::vector<std::string>& words);
 int RunSffCommand(const std::vector<std::string>& words);
 int RunCacheCommand(const std::vector<std::string>& words);
+int RunPickCommand(const std::vector<std::string>& words);
+int RunBvhCommand(const std::vector<std::string>& words);

@@ -1,0 +1,51 @@
+// A tile file as a ray-queryable triangle set: reads every mesh of an SFF
+// tile into one triangle soup, builds a bvh over it and hands out the tree
+// with a matching triangle intersector (two-sided; a hit writes t, u, v).
+//
+// Meshes are "C" nodes carrying one vertex array and at most one index array.
+// A mesh without an index array is read as a triangle list whose indices
+// start at 0 of the whole soup, not of the mesh: in every mesh after the
+// first such triangles reuse the soup's first vertices. Vertices are used as
+// stored (materials and transforms are ignored).
+//
+// Safe on hostile files: nothing throws. An unreadable file leaves the
+// object invalid (the reader's message is logged as an error); triangles
+// whose indices lie outside the soup are dropped with one warning per file.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "kel/export.h"
+
+namespace kel {
+
+class sff_input_stream;
+
+namespace fdo {
+class bvh;
+class bvh_primitive_intersector;
+}  // namespace fdo
+
+class KEL_API SFF2BVH {
+public:
+  // Reads the tile file at `path`.
+  explicit SFF2BVH(const std::wstring& path);
+  // Reads from any SFF byte source (memory, compressed, ...).
+  explicit SFF2BVH(sff_input_stream& source);
+
+  // True when a tree was built: the file held vertices and indices.
+  bool valid() const { return static_cast<bool>(tree_); }
+  // Both null unless valid(). Copies of this object share them; queries may
+  // run concurrently.
+  std::shared_ptr<fdo::bvh> getBVH() const { return tree_; }
+  std::shared_ptr<fdo::bvh_primitive_intersector> getIntersector() const { return intersector_; }
+
+private:
+  void load(sff_input_stream& source, const std::wstring& name);
+
+  std::shared_ptr<fdo::bvh> tree_;
+  std::shared_ptr<fdo::bvh_primitive_intersector> intersector_;
+};
+
+}  // namespace kel

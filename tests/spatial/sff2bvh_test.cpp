@@ -1,0 +1,340 @@
+#include "kel/spatial/sff2bvh.h"
+
+#include <cfloat>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "kel/core/text.h"
+#include "kel/sff/sff_file_stream.h"
+#include "kel/sff/sff_writer.h"
+#include "kel/spatial/bvh.h"
+#include "spatial/detail/triangle.h"
+#include "spatial/log_capture.h"
+
+namespace kel {
+namespace {
+
+using fdo::hit;
+using fdo::ray;
+
+const char* const kIndexWarning = "Invalid SFF file: Index out of range. Ignoring triangle";
+const char* const kVertexWarning =
+    "Invalid SFF file: Only one vertex-array per mesh expected. Ignoring further vertex-arrays";
+const char* const kArrayWarning = "Invalid SFF file: Only one index-array per mesh expected. Ignoring further arrays";
+
+struct Mesh {
+  std::vector<float> xyz = {};
+  std::optional<std::vector<std::uint64_t>> indices = std::nullopt;
+  std::optional<std::vector<float>> secondVertices = std::nullopt;
+  std::optional<std::vector<std::uint64_t>> secondIndices = std::nullopt;
+};
+
+std::vector<unsigned char> WriteTile(const std::vector<Mesh>& meshes, bool compress = false) {
+  sff_buff_os out;
+  {
+    sff_writer w(out, compress);
+    std::uint64_t id = 1;
+    for (const Mesh& m : meshes) {
+      w.beginC(id++);
+      w.writePositions(m.xyz.data(), m.xyz.size() / 3);
+      if (m.secondVertices) w.writePositions(m.secondVertices->data(), m.secondVertices->size() / 3);
+      if (m.indices) w.writeIntegers(m.indices->data(), m.indices->size());
+      if (m.secondIndices) w.writeIntegers(m.secondIndices->data(), m.secondIndices->size());
+      w.end();
+    }
+  }
+  return out.bytes();
+}
+
+SFF2BVH Load(const std::vector<unsigned char>& bytes) {
+  sff_buff_is in(bytes.data(), bytes.size());
+  return SFF2BVH(in);
+}
+
+ray MakeRay(float ox, float oy, float oz, float dx, float dy, float dz) {
+  ray r{};
+  r.origin[0] = ox, r.origin[1] = oy, r.origin[2] = oz;
+  r.direction[0] = dx, r.direction[1] = dy, r.direction[2] = dz;
+  for (int a = 0; a < 3; ++a) r.invDirection[a] = 1.0f / r.direction[a];
+  return r;
+}
+
+hit Pick(const SFF2BVH& tile, const ray& r) {
+  hit h{~0u, FLT_MAX};
+  tile.getBVH()->intersect(h, r, *tile.getIntersector());
+  return h;
+}
+
+hit Down(const SFF2BVH& tile, float x, float y) { return Pick(tile, MakeRay(x, y, 100.0f, 0, 0, -1)); }
+
+// A right triangle in the plane z, legs of length 2 from (x, y).
+std::vector<float> Tri(float x, float y, float z) { return {x, y, z, x + 2, y, z, x, y + 2, z}; }
+
+TEST(Sff2Bvh, OneMeshWithoutIndicesIsOneTriangle) {
+  const SFF2BVH tile = Load(WriteTile({Mesh{Tri(0, 0, 5), {}}}));
+  ASSERT_TRUE(tile.valid());
+  EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 1);
+  const ray r = MakeRay(0.5f, 0.25f, 10.0f, 0, 0, -1);
+  float out[4] = {};
+  ASSERT_TRUE(tile.getIntersector()->intersect(0, r, out));
+  EXPECT_FLOAT_EQ(out[0], 5.0f);
+  EXPECT_FLOAT_EQ(out[1], 0.25f);   // weight of vertex 1 (x + 2)
+  EXPECT_FLOAT_EQ(out[2], 0.125f);  // weight of vertex 2 (y + 2)
+  const hit h = Pick(tile, r);
+  EXPECT_EQ(h.primitive, 0u);
+  EXPECT_FLOAT_EQ(h.t, 5.0f);
+}
+
+TEST(Sff2Bvh, ExplicitIndicesOfLaterMeshesAreOffset) {
+  const SFF2BVH tile = Load(WriteTile({Mesh{Tri(0, 0, 1), std::vector<std::uint64_t>{0, 1, 2}},
+                                       Mesh{Tri(10, 0, 2), std::vector<std::uint64_t>{0, 1, 2}},
+                                       Mesh{Tri(20, 0, 3), std::vector<std::uint64_t>{2, 1, 0}}}));
+  ASSERT_TRUE(tile.valid());
+  EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 3);
+  struct Case {
+    float x, t;
+    std::uint32_t primitive;
+  };
+  for (const Case c : {Case{0.5f, 99, 0}, Case{10.5f, 98, 1}, Case{20.5f, 97, 2}}) {
+    const hit h = Down(tile, c.x, 0.5f);
+    EXPECT_EQ(h.primitive, c.primitive) << c.x;
+    EXPECT_FLOAT_EQ(h.t, c.t) << c.x;
+  }
+}
+
+TEST(Sff2Bvh, ImplicitIndicesOfLaterMeshesReuseTheFirstVertices) {
+  // Mesh 2 has its own vertices at x = 10 but no index array: its triangle
+  // is (0, 1, 2) of the whole soup, i.e. mesh 1's triangle once more.
+  const SFF2BVH tile = Load(WriteTile({Mesh{Tri(0, 0, 1), std::vector<std::uint64_t>{0, 1, 2}},
+                                       Mesh{Tri(10, 0, 4), {}}}));
+  ASSERT_TRUE(tile.valid());
+  EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 2);
+  EXPECT_EQ(Down(tile, 10.5f, 0.5f).primitive, ~0u);  // nothing at mesh 2's own place
+  const hit h = Down(tile, 0.5f, 0.5f);
+  EXPECT_FLOAT_EQ(h.t, 99.0f);
+  EXPECT_EQ(h.primitive, 0u);  // two equal triangles in one leaf: the first wins
+  float out[4];
+  EXPECT_TRUE(tile.getIntersector()->intersect(1, MakeRay(0.5f, 0.5f, 100, 0, 0, -1), out));
+}
+
+TEST(Sff2Bvh, FirstMeshWithoutIndicesAndLaterMeshWithIndicesBothPick) {
+  const SFF2BVH tile = Load(WriteTile({Mesh{Tri(0, 0, 1), {}},
+                                       Mesh{Tri(10, 0, 2), std::vector<std::uint64_t>{0, 1, 2}},
+                                       Mesh{Tri(20, 0, 3), {}}}));
+  ASSERT_TRUE(tile.valid());
+  EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 3);
+  EXPECT_FLOAT_EQ(Down(tile, 0.5f, 0.5f).t, 99.0f);
+  EXPECT_FLOAT_EQ(Down(tile, 10.5f, 0.5f).t, 98.0f);
+  EXPECT_EQ(Down(tile, 20.5f, 0.5f).primitive, ~0u);
+}
+
+TEST(Sff2Bvh, SecondArraysInOneMeshWarnAndAreIgnored) {
+  test::LogCapture capture;
+  Mesh m{Tri(0, 0, 1), std::vector<std::uint64_t>{0, 1, 2}, Tri(50, 50, 50), std::vector<std::uint64_t>{2, 1, 0}};
+  const SFF2BVH tile = Load(WriteTile({m}));
+  ASSERT_TRUE(tile.valid());
+  EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 1);
+  EXPECT_EQ(capture.log().countOf(kVertexWarning), 1);
+  EXPECT_EQ(capture.log().countOf(kArrayWarning), 1);
+  EXPECT_EQ(Down(tile, 50.5f, 50.5f).primitive, ~0u);
+}
+
+TEST(Sff2Bvh, OutOfRangeIndicesDropTheirTrianglesWithOneWarning) {
+  test::LogCapture capture;
+  const std::uint64_t huge = std::uint64_t{1} << 32;
+  Mesh m{};
+  for (float x : {0.0f, 10.0f, 20.0f, 30.0f}) {
+    const auto t = Tri(x, 0, 1);
+    m.xyz.insert(m.xyz.end(), t.begin(), t.end());
+  }
+  m.indices = std::vector<std::uint64_t>{0, 1, 2, 3, 4, 12, 6, 7, 8, huge, 10, 11, 9, 10, huge + 11};
+  const SFF2BVH tile = Load(WriteTile({m}));
+  ASSERT_TRUE(tile.valid());
+  EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 2);
+  EXPECT_EQ(capture.log().countOf(kIndexWarning), 1);
+  EXPECT_EQ(Down(tile, 0.5f, 0.5f).primitive, 0u);
+  EXPECT_EQ(Down(tile, 20.5f, 0.5f).primitive, 1u);  // renumbered after the dropped one
+  EXPECT_EQ(Down(tile, 10.5f, 0.5f).primitive, ~0u);
+  EXPECT_EQ(Down(tile, 30.5f, 0.5f).primitive, ~0u);
+}
+
+TEST(Sff2Bvh, IndicesMayNameVerticesOfLaterMeshes) {
+  // Explicit indices are checked against the whole soup once it is read.
+  const SFF2BVH tile = Load(WriteTile({Mesh{Tri(0, 0, 1), std::vector<std::uint64_t>{3, 4, 5}},
+                                       Mesh{Tri(10, 0, 2), std::vector<std::uint64_t>{0, 1, 2}}}));
+  ASSERT_TRUE(tile.valid());
+  EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 2);
+  EXPECT_EQ(Down(tile, 10.5f, 0.5f).primitive, 0u);
+}
+
+TEST(Sff2Bvh, FilesWithoutTrianglesAreInvalid) {
+  struct Case {
+    const char* label;
+    std::vector<unsigned char> bytes;
+  };
+  const Case cases[] = {
+      {"magic only", WriteTile({})},
+      {"indices without vertices", WriteTile({Mesh{{}, std::vector<std::uint64_t>{0, 1, 2}}})},
+      {"every index out of range", WriteTile({Mesh{Tri(0, 0, 0), std::vector<std::uint64_t>{0, 1, 3}}})},
+      {"bad magic", {'S', 'F', 'F', '9', 0, 0}},
+      {"empty", {}},
+  };
+  test::LogCapture capture;
+  for (const Case& c : cases) {
+    const SFF2BVH tile = Load(c.bytes);
+    EXPECT_FALSE(tile.valid()) << c.label;
+    EXPECT_EQ(tile.getBVH(), nullptr) << c.label;
+    EXPECT_EQ(tile.getIntersector(), nullptr) << c.label;
+  }
+}
+
+TEST(Sff2Bvh, UnreadableFileLogsAnErrorAndStaysInvalid) {
+  test::LogCapture capture;
+  const SFF2BVH tile = Load({'n', 'o', 'p', 'e'});
+  EXPECT_FALSE(tile.valid());
+  ASSERT_EQ(capture.log().events.size(), 1u);
+  EXPECT_EQ(capture.log().events[0].level, log4cplus::ERROR_LOG_LEVEL);
+  EXPECT_NE(capture.log().events[0].message.find("Invalid SFF file"), std::string::npos);
+}
+
+TEST(Sff2Bvh, EveryTruncatedPrefixLoadsWithoutThrowing) {
+  test::LogCapture capture;
+  Mesh a{Tri(0, 0, 1), std::vector<std::uint64_t>{0, 1, 2}}, b{Tri(5, 5, 2), {}};
+  for (bool compress : {false, true}) {
+    const auto bytes = WriteTile({a, b}, compress);
+    for (std::size_t n = 0; n <= bytes.size(); ++n) {
+      const std::vector<unsigned char> prefix(bytes.begin(), bytes.begin() + std::ptrdiff_t(n));
+      const SFF2BVH tile = Load(prefix);
+      if (tile.valid()) Down(tile, 0.5f, 0.5f);
+    }
+    EXPECT_TRUE(Load(bytes).valid());
+  }
+}
+
+TEST(Sff2Bvh, CompressedTilesPickLikePlainOnes) {
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<float> p(0.0f, 20.0f);
+  Mesh m;
+  for (int i = 0; i < 200; ++i) {
+    const auto t = Tri(p(rng), p(rng), p(rng));
+    m.xyz.insert(m.xyz.end(), t.begin(), t.end());
+  }
+  const SFF2BVH plain = Load(WriteTile({m}, false));
+  const SFF2BVH packed = Load(WriteTile({m}, true));
+  ASSERT_TRUE(plain.valid() && packed.valid());
+  for (int q = 0; q < 200; ++q) {
+    const float x = p(rng), y = p(rng);
+    const hit a = Down(plain, x, y), b = Down(packed, x, y);
+    EXPECT_EQ(a.primitive, b.primitive);
+    EXPECT_EQ(a.t, b.t);
+  }
+}
+
+TEST(Sff2Bvh, ParallelRaysMissAndRaysStartingOnATriangleHitAtZero) {
+  const SFF2BVH tile = Load(WriteTile({Mesh{Tri(0, 0, 1), {}}}));
+  ASSERT_TRUE(tile.valid());
+  float out[4];
+  EXPECT_FALSE(tile.getIntersector()->intersect(0, MakeRay(-1, 0.5f, 1, 1, 0, 0), out));
+  EXPECT_FALSE(tile.getIntersector()->intersect(0, MakeRay(-1, 0.5f, 1, 1, 1e-12f, 0), out));
+  ASSERT_TRUE(tile.getIntersector()->intersect(0, MakeRay(0.5f, 0.5f, 1, 0.3f, 0.1f, -1), out));
+  EXPECT_EQ(out[0], 0.0f);
+  const hit h = Pick(tile, MakeRay(0.5f, 0.5f, 1, 0, 0, -1));
+  EXPECT_EQ(h.primitive, 0u);
+  EXPECT_EQ(h.t, 0.0f);
+  // Back faces count: from below, pointing up.
+  EXPECT_FLOAT_EQ(Pick(tile, MakeRay(0.5f, 0.5f, -3, 0, 0, 1)).t, 4.0f);
+}
+
+TEST(Sff2Bvh, MultiMeshTilesMatchABruteForceModel) {
+  // Random meshes, some with index arrays and some without; the model soup
+  // applies the same rules and is scanned triangle by triangle.
+  std::mt19937 rng(8);
+  std::uniform_real_distribution<float> p(0.0f, 30.0f), d(-2.0f, 2.0f);
+  std::vector<Mesh> meshes;
+  std::vector<float> soup;
+  std::vector<std::uint32_t> tris;
+  for (int m = 0; m < 12; ++m) {
+    Mesh mesh;
+    const int nv = 3 * (1 + int(rng() % 8));
+    for (int i = 0; i < nv; ++i) mesh.xyz.insert(mesh.xyz.end(), {p(rng), p(rng), p(rng) * 0.3f});
+    const std::uint32_t base = std::uint32_t(soup.size() / 3);
+    if (rng() % 2) {
+      std::vector<std::uint64_t> idx;
+      for (int i = 0; i < nv; ++i) idx.push_back(rng() % std::uint32_t(nv));
+      for (auto i : idx) tris.push_back(std::uint32_t(i) + base);
+      mesh.indices = idx;
+    } else {
+      for (int i = 0; i < nv; ++i) tris.push_back(std::uint32_t(i));
+    }
+    soup.insert(soup.end(), mesh.xyz.begin(), mesh.xyz.end());
+    meshes.push_back(mesh);
+  }
+  const SFF2BVH tile = Load(WriteTile(meshes));
+  ASSERT_TRUE(tile.valid());
+  ASSERT_EQ(std::size_t(tile.getBVH()->getPrimitiveCount()), tris.size() / 3);
+  int hits = 0;
+  for (int q = 0; q < 400; ++q) {
+    const ray r = q % 2 ? MakeRay(p(rng), p(rng), 50, 0, 0, -1) : MakeRay(p(rng), p(rng), 50, d(rng), d(rng), -10);
+    const hit got = Pick(tile, r);
+    hit want{~0u, FLT_MAX};
+    float out[4];
+    for (std::uint32_t t = 0; t < tris.size() / 3; ++t) {
+      const float* v = soup.data();
+      if (fdo::detail::RayTriangle(v + 3 * tris[3 * t], v + 3 * tris[3 * t + 1], v + 3 * tris[3 * t + 2], r, FLT_MAX,
+                                   out) &&
+          out[0] < want.t)
+        want = hit{t, out[0]};
+    }
+    EXPECT_EQ(got.t, want.t);
+    if (want.primitive == ~0u) continue;
+    ++hits;
+    // The reported triangle is one the model hits at that distance.
+    const float* v = soup.data();
+    const std::uint32_t g = got.primitive;
+    ASSERT_TRUE(
+        fdo::detail::RayTriangle(v + 3 * tris[3 * g], v + 3 * tris[3 * g + 1], v + 3 * tris[3 * g + 2], r, FLT_MAX, out));
+    EXPECT_EQ(out[0], want.t);
+  }
+  EXPECT_GT(hits, 100);
+}
+
+TEST(Sff2Bvh, CopiesShareTheTree) {
+  const SFF2BVH a = Load(WriteTile({Mesh{Tri(0, 0, 1), {}}}));
+  const SFF2BVH b = a;
+  SFF2BVH c = Load(WriteTile({}));
+  c = a;
+  EXPECT_EQ(a.getBVH(), b.getBVH());
+  EXPECT_EQ(a.getIntersector(), c.getIntersector());
+  EXPECT_TRUE(c.valid());
+}
+
+TEST(Sff2Bvh, ReadsTileFilesByPath) {
+  const char* tmp = std::getenv("TMPDIR");
+  const std::string dir = tmp && *tmp ? tmp : "/tmp";
+  const std::string path = dir + "/kel_sff2bvh_test_\xC3\xA9.sff";
+  {
+    const auto bytes = WriteTile({Mesh{Tri(0, 0, 1), {}}}, true);
+    std::FILE* f = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    std::fwrite(bytes.data(), 1, bytes.size(), f);
+    std::fclose(f);
+  }
+  const SFF2BVH tile(Utf8String2WString(path));
+  std::remove(path.c_str());
+  ASSERT_TRUE(tile.valid());
+  EXPECT_FLOAT_EQ(Down(tile, 0.5f, 0.5f).t, 99.0f);
+
+  test::LogCapture capture;
+  const SFF2BVH missing(Utf8String2WString(dir + "/kel_no_such_tile.sff"));
+  EXPECT_FALSE(missing.valid());
+  EXPECT_EQ(capture.log().events.size(), 1u);
+}
+
+}  // namespace
+}  // namespace kel

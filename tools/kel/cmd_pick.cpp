@@ -1,0 +1,237 @@
+// kel pick / kel bvh: ray picking on tile files and a look at their trees.
+#include <algorithm>
+#include <chrono>
+#include <cfloat>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include <kel/kel.h>
+
+#include "cli.h"
+#include "commands.h"
+#include "png_writer.h"
+#include "progress_bar.h"
+
+namespace {
+
+const char* const kPickHelp =
+    "usage: kel pick TILE X Y\n"
+    "       kel pick TILE --ray OX,OY,OZ,DX,DY,DZ\n"
+    "       kel pick TILE --heightmap OUT.png [--size N]\n\n"
+    "Reads an SFF tile file (plain or compressed) into a triangle tree and shoots rays at it.\n"
+    "  X Y          height under the point: a ray straight down from above the tile's box;\n"
+    "               prints the height, the distance and the triangle hit (with u, v)\n"
+    "  --ray        any ray; prints the distance t (in units of the direction's length),\n"
+    "               the hit point and the triangle\n"
+    "  --heightmap  an N x N grid of vertical rays over the tile's box (default N = 512),\n"
+    "               written as a shaded grey PNG seen from above, north up; pixels without\n"
+    "               a hit are transparent\n"
+    "Exit code 1 when the tile cannot be read or holds no triangles.\n";
+
+const char* const kBvhInfoHelp =
+    "usage: kel bvh info TILE\n\n"
+    "Reads an SFF tile file and prints its tree: triangle count, node count, depth,\n"
+    "leaf size histogram, root box and the time to read the file and build the tree.\n";
+
+struct LoadedTile {
+  std::unique_ptr<kel::SFF2BVH> tile;
+  double seconds = 0;
+};
+
+LoadedTile LoadTile(const std::string& path) {
+  const auto start = std::chrono::steady_clock::now();
+  LoadedTile loaded;
+  loaded.tile = std::make_unique<kel::SFF2BVH>(kel::Utf8String2WString(path));
+  loaded.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  if (!loaded.tile->valid())
+    throw kel::wexception(L"cannot read tile or it holds no triangles: " + kel::Utf8String2WString(path));
+  return loaded;
+}
+
+kel::fdo::ray MakeRay(double ox, double oy, double oz, double dx, double dy, double dz) {
+  kel::fdo::ray r{};
+  const double o[3] = {ox, oy, oz}, d[3] = {dx, dy, dz};
+  for (int a = 0; a < 3; ++a) {
+    r.origin[a] = float(o[a]);
+    r.direction[a] = float(d[a]);
+    r.invDirection[a] = 1.0f / r.direction[a];
+  }
+  return r;
+}
+
+struct PickResult {
+  bool hit = false;
+  std::uint32_t triangle = 0;
+  float t = 0, u = 0, v = 0;
+};
+
+PickResult Shoot(const kel::SFF2BVH& tile, const kel::fdo::ray& r) {
+  kel::fdo::hit h{~0u, FLT_MAX};
+  tile.getBVH()->intersect(h, r, *tile.getIntersector());
+  PickResult out;
+  if (h.primitive == ~0u) return out;
+  float tuv[8] = {};
+  tile.getIntersector()->intersect(int(h.primitive), r, tuv);
+  out.hit = true;
+  out.triangle = h.primitive;
+  out.t = h.t;
+  out.u = tuv[1];
+  out.v = tuv[2];
+  return out;
+}
+
+int WriteHeightmap(const kel::SFF2BVH& tile, const std::string& path, long long size) {
+  const kel::fdo::node& root = tile.getBVH()->getNodes()[0];
+  const auto n = std::uint32_t(size);
+  std::vector<float> heights(std::size_t(n) * n, NAN);
+  const double w = double(root.maxX) - root.minX, h = double(root.maxY) - root.minY;
+  const double top = double(root.maxZ) + 1.0 + std::fabs(root.maxZ) * 1e-3;
+  cli::ProgressBar bar("heightmap", n);
+  for (std::uint32_t j = 0; j < n; ++j) {
+    for (std::uint32_t i = 0; i < n; ++i) {
+      const double x = root.minX + (i + 0.5) / n * w, y = root.maxY - (j + 0.5) / n * h;
+      const auto r = MakeRay(x, y, top, 0, 0, -1);
+      const PickResult p = Shoot(tile, r);
+      if (p.hit) heights[std::size_t(j) * n + i] = r.origin[2] - p.t;
+    }
+    bar.update(j + 1);
+  }
+  bar.finish();
+
+  float lo = FLT_MAX, hi = -FLT_MAX;
+  for (float z : heights)
+    if (!std::isnan(z)) lo = std::min(lo, z), hi = std::max(hi, z);
+  // Height as brightness, shaded by a light from the north-west so relief reads.
+  const double cell = std::max(w, h) / n;
+  const double range = hi > lo ? hi - lo : 1.0;
+  std::vector<std::uint8_t> rgba(std::size_t(n) * n * 4, 0);
+  auto at = [&](std::int64_t i, std::int64_t j, float fallback) {
+    if (i < 0 || j < 0 || i >= n || j >= n) return fallback;
+    const float z = heights[std::size_t(j) * n + std::size_t(i)];
+    return std::isnan(z) ? fallback : z;
+  };
+  std::size_t hits = 0;
+  for (std::uint32_t j = 0; j < n; ++j)
+    for (std::uint32_t i = 0; i < n; ++i) {
+      const float z = heights[std::size_t(j) * n + i];
+      if (std::isnan(z)) continue;
+      ++hits;
+      const double dzdx = (at(i + 1, j, z) - at(std::int64_t(i) - 1, j, z)) / (2 * cell);
+      const double dzdy = (at(i, std::int64_t(j) - 1, z) - at(i, j + 1, z)) / (2 * cell);
+      const double shade = std::clamp(0.75 + 0.5 * (-dzdx + dzdy) / std::sqrt(1 + dzdx * dzdx + dzdy * dzdy), 0.2, 1.0);
+      const double level = 0.25 + 0.75 * (z - lo) / range;
+      const auto g = std::uint8_t(std::clamp(255.0 * level * shade, 0.0, 255.0));
+      std::uint8_t* px = &rgba[(std::size_t(j) * n + i) * 4];
+      px[0] = px[1] = px[2] = g;
+      px[3] = 255;
+    }
+  cli::WritePng(path, rgba.data(), n, n, std::size_t(n) * 4, 4);
+  std::printf("wrote %s: %u x %u, %zu of %zu rays hit, heights %g .. %g\n", path.c_str(), n, n, hits,
+              std::size_t(n) * n, hits ? double(lo) : 0.0, hits ? double(hi) : 0.0);
+  return 0;
+}
+
+int RunPick(const std::vector<std::string>& words) {
+  const cli::Args args(words, {});
+  if (args.helpRequested()) {
+    std::fputs(kPickHelp, stdout);
+    return 0;
+  }
+  args.rejectUnknown({"ray", "heightmap", "size"});
+  const auto ray = args.option("ray");
+  const auto heightmap = args.option("heightmap");
+  if (ray && heightmap) throw cli::UsageError("--ray and --heightmap exclude each other");
+  if (args.option("size") && !heightmap) throw cli::UsageError("--size goes with --heightmap");
+  if (ray || heightmap)
+    args.expectPositional(1, 1, "kel pick TILE (--ray OX,OY,OZ,DX,DY,DZ | --heightmap OUT.png [--size N])");
+  else
+    args.expectPositional(3, 3, "kel pick TILE X Y");
+
+  std::vector<double> r;
+  if (ray) {
+    r = cli::ParseDoubles(*ray, 6, "--ray");
+    if (r[3] == 0 && r[4] == 0 && r[5] == 0) throw cli::UsageError("--ray needs a non-zero direction");
+  }
+  long long size = 512;
+  if (auto s = args.option("size")) size = cli::ParseInt(*s, "--size");
+  if (size < 1 || size > 16384) throw cli::UsageError("--size must be between 1 and 16384");
+  double x = 0, y = 0;
+  if (!ray && !heightmap) {
+    x = cli::ParseDouble(args.at(1), "X");
+    y = cli::ParseDouble(args.at(2), "Y");
+  }
+
+  const LoadedTile loaded = LoadTile(args.at(0));
+  const kel::SFF2BVH& tile = *loaded.tile;
+  if (heightmap) return WriteHeightmap(tile, *heightmap, size);
+
+  const kel::fdo::node& root = tile.getBVH()->getNodes()[0];
+  const kel::fdo::ray shot = ray ? MakeRay(r[0], r[1], r[2], r[3], r[4], r[5])
+                                 : MakeRay(x, y, double(root.maxZ) + 1.0 + std::fabs(root.maxZ) * 1e-3, 0, 0, -1);
+  const PickResult p = Shoot(tile, shot);
+  if (!p.hit) {
+    std::puts("no hit");
+    return 0;
+  }
+  const double hx = shot.origin[0] + double(p.t) * shot.direction[0];
+  const double hy = shot.origin[1] + double(p.t) * shot.direction[1];
+  const double hz = shot.origin[2] + double(p.t) * shot.direction[2];
+  if (!ray) std::printf("height    %.4f\n", hz);
+  std::printf("t         %.6g\n", double(p.t));
+  std::printf("point     %.4f, %.4f, %.4f\n", hx, hy, hz);
+  std::printf("triangle  %u (u %.4f, v %.4f)\n", p.triangle, double(p.u), double(p.v));
+  return 0;
+}
+
+int RunInfo(const cli::Args& args) {
+  args.expectPositional(1, 1, "kel bvh info TILE");
+  args.rejectUnknown({});
+  const LoadedTile loaded = LoadTile(args.at(0));
+  const kel::fdo::bvh& tree = *loaded.tile->getBVH();
+  const kel::fdo::node* nodes = tree.getNodes();
+  std::map<int, long long> leafSizes;
+  int depth = 0, leaves = 0;
+  std::vector<std::pair<int, int>> stack{{0, 0}};
+  while (!stack.empty()) {
+    const auto [i, d] = stack.back();
+    stack.pop_back();
+    depth = std::max(depth, d);
+    if (nodes[i].count > 0) {
+      ++leafSizes[nodes[i].count];
+      ++leaves;
+    } else {
+      stack.push_back({nodes[i].first, d + 1});
+      stack.push_back({nodes[i].first + 1, d + 1});
+    }
+  }
+  std::printf("triangles   %d\n", tree.getPrimitiveCount());
+  std::printf("nodes       %d (%d leaves, capacity %d)\n", tree.getNodeCount(), leaves, tree.getNodeCapacity());
+  std::printf("depth       %d\n", depth);
+  const auto& root = nodes[0];
+  std::printf("box         %g, %g, %g : %g, %g, %g\n", double(root.minX), double(root.minY), double(root.minZ),
+              double(root.maxX), double(root.maxY), double(root.maxZ));
+  std::printf("read+build  %.3f s\n", loaded.seconds);
+  std::puts("leaf sizes:");
+  for (const auto& [sz, count] : leafSizes) std::printf("  %4d: %lld\n", sz, count);
+  return 0;
+}
+
+const std::vector<cli::Command> kBvhCommands = {
+    {"info", "triangle, node and depth statistics of a tile's tree", kBvhInfoHelp, {}, &RunInfo},
+};
+
+}  // namespace
+
+int RunPickCommand(const std::vector<std::string>& words) {
+  kel::Log::initialize(nullptr);  // the loader's warnings about bad tiles go to the console
+  if (words.empty()) throw cli::UsageError("missing TILE; try 'kel pick --help'");
+  return RunPick(words);
+}
+
+int RunBvhCommand(const std::vector<std::string>& words) {
+  kel::Log::initialize(nullptr);
+  return cli::RunGroup("bvh", kBvhCommands, words);
+}
