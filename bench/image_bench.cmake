@@ -14,3 +14,10 @@ if(KEL_SQUISH_LIBRARY AND KEL_SQUISH_INCLUDE)
   target_link_libraries(${name} PRIVATE ${KEL_SQUISH_LIBRARY})
   target_compile_definitions(${name} PRIVATE KEL_HAVE_SQUISH=1)
 endif()
+
+# stb_image_resize (header only): 2:1 box-filter anchor for the half-size path.
+find_path(KEL_STB_RESIZE_DIR stb_image_resize.h PATHS /usr/include/stb NO_DEFAULT_PATH)
+if(KEL_STB_RESIZE_DIR)
+  target_include_directories(${name} PRIVATE ${KEL_STB_RESIZE_DIR})
+  target_compile_definitions(${name} PRIVATE KEL_HAVE_STB_RESIZE=1)
+endif()

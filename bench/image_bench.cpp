@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -263,6 +264,119 @@ void BM_CompressImages(benchmark::State& state) {
 BENCHMARK(BM_CompressImages)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // --- Resize -----------------------------------------------------------------------
+
+// === Half-size resize (image operations) ===========================================
+// The fast half-size path against stb_image_resize's 2:1 box filter and against
+// memcpy of the same bytes (the ceiling). Single-threaded; items are source pixels.
+
+}  // namespace
+
+#include "image/detail/half_size_lanes.h"
+#if KEL_HAVE_STB_RESIZE
+#define STB_IMAGE_RESIZE_IMPLEMENTATION
+#include <stb_image_resize.h>
+#endif
+
+namespace {
+
+// The photograph decoded with ImageUtil::Load and mirror-tiled to size x size.
+std::shared_ptr<kel::IImage> LoadedPhoto(std::uint64_t size) {
+  auto src = kel::ImageUtil::Load(kel::Utf8String2WString(std::string(KEL_SHARED_DATA_DIR) + "/photo_board.jpg"),
+                                  kel::IImage::RGBA);
+  auto img = kel::ImageUtil::CreateImage(size, size, kel::IImage::RGBA, 1);
+  for (std::uint64_t y = 0; y < size; ++y)
+    for (std::uint64_t x = 0; x < size; ++x)
+      std::memcpy(img->lineData(y, 0) + x * 4, src->lineData(Mirror(y, src->height()), 0) + Mirror(x, src->width()) * 4,
+                  4);
+  return img;
+}
+
+const std::shared_ptr<kel::IImage>& PhotoOfSize(std::int64_t size) {
+  static std::map<std::int64_t, std::shared_ptr<kel::IImage>> cache;
+  auto& slot = cache[size];
+  if (!slot) slot = LoadedPhoto(static_cast<std::uint64_t>(size));
+  return slot;
+}
+
+void BM_HalfSizeResize(benchmark::State& state) {
+  const auto& src = PhotoOfSize(state.range(0));
+  const kel::ImageUtil::Size half{src->width() / 2, src->height() / 2};
+  for (auto _ : state) benchmark::DoNotOptimize(kel::ImageUtil::Resize(src, half, false));
+  state.SetItemsProcessed(state.iterations() * state.range(0) * state.range(0));
+}
+BENCHMARK(BM_HalfSizeResize)->Arg(256)->Arg(2048);
+
+// The row kernel alone into a reused destination: streaming against regular stores.
+void HalfSizeKernel(benchmark::State& state, bool streaming) {
+  const auto& src = PhotoOfSize(state.range(0));
+  auto dst = kel::ImageUtil::CreateImage(src->width() / 2, src->height() / 2, kel::IImage::RGBA, 1);
+  const std::size_t groups = static_cast<std::size_t>(src->width() / 8);
+  for (auto _ : state) {
+    for (std::uint64_t y = 0; y < dst->height(); ++y)
+      kel::detail::HalveRow(src->lineData(2 * y, 0), src->lineData(2 * y + 1, 0), dst->lineData(y, 0), groups,
+                            streaming);
+    kel::detail::HalveRowsDone();
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0) * state.range(0));
+}
+void BM_HalfSizeKernelStreaming(benchmark::State& state) { HalfSizeKernel(state, true); }
+void BM_HalfSizeKernelRegular(benchmark::State& state) { HalfSizeKernel(state, false); }
+BENCHMARK(BM_HalfSizeKernelStreaming)->Arg(256)->Arg(2048);
+BENCHMARK(BM_HalfSizeKernelRegular)->Arg(256)->Arg(2048);
+
+void BM_HalfSizeMemcpy(benchmark::State& state) {
+  const auto& src = PhotoOfSize(state.range(0));
+  std::vector<std::uint8_t> dst(src->sizeInBytes());
+  for (auto _ : state) {
+    std::memcpy(dst.data(), src->lineData(0, 0), dst.size());
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0) * state.range(0));
+}
+BENCHMARK(BM_HalfSizeMemcpy)->Arg(256)->Arg(2048);
+
+#if KEL_HAVE_STB_RESIZE
+bool StbAgreesWithHalfSize(const kel::IImage& src) {
+  // stb's box pairs adjacent columns; ours pairs (0,2),(1,3) within groups of
+  // 8. Swapping columns 1<->2 and 5<->6 of each group makes the two the same
+  // filter; stb rounds through floats, so allow 1.
+  const int w = static_cast<int>(src.width()), h = static_cast<int>(src.height());
+  std::vector<std::uint8_t> swapped(static_cast<std::size_t>(w) * h * 4), theirs(static_cast<std::size_t>(w) * h);
+  static const int kSwap[8] = {0, 2, 1, 3, 4, 6, 5, 7};
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      std::memcpy(&swapped[(static_cast<std::size_t>(y) * w + x) * 4],
+                  src.lineData(static_cast<std::uint64_t>(y), 0) + ((x & ~7) + kSwap[x & 7]) * 4, 4);
+  stbir_resize_uint8_generic(swapped.data(), w, h, w * 4, theirs.data(), w / 2, h / 2, w * 2, 4,
+                             STBIR_ALPHA_CHANNEL_NONE, 0, STBIR_EDGE_CLAMP, STBIR_FILTER_BOX, STBIR_COLORSPACE_LINEAR,
+                             nullptr);
+  std::shared_ptr<const kel::IImage> shared(&src, [](const kel::IImage*) {});
+  const auto ours = kel::ImageUtil::Resize(shared, kel::ImageUtil::Size{src.width() / 2, src.height() / 2}, false);
+  const std::uint8_t* o = ours->lineData(0, 0);
+  for (std::size_t i = 0; i < static_cast<std::size_t>(w / 2) * (h / 2) * 4; ++i)
+    if (std::abs(int(o[i]) - int(theirs[i])) > 1) return false;
+  return true;
+}
+
+void BM_HalfSizeStbBox(benchmark::State& state) {
+  const auto& src = PhotoOfSize(state.range(0));
+  if (!StbAgreesWithHalfSize(*src)) {
+    state.SkipWithError("stb_image_resize and the half-size path disagree");
+    return;
+  }
+  const int w = static_cast<int>(src->width()), h = static_cast<int>(src->height());
+  std::vector<std::uint8_t> dst(static_cast<std::size_t>(w) * h);
+  for (auto _ : state) {
+    stbir_resize_uint8_generic(src->lineData(0, 0), w, h, w * 4, dst.data(), w / 2, h / 2, w * 2, 4,
+                               STBIR_ALPHA_CHANNEL_NONE, 0, STBIR_EDGE_CLAMP, STBIR_FILTER_BOX,
+                               STBIR_COLORSPACE_LINEAR, nullptr);
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0) * state.range(0));
+}
+BENCHMARK(BM_HalfSizeStbBox)->Arg(256)->Arg(2048);
+#endif
 
 }  // namespace
 
