@@ -12,6 +12,7 @@ namespace kel {
 namespace {
 
 bool IsDxt(IImage::Format f) { return f == IImage::DXT1 || f == IImage::DXT5; }
+bool IsRgb32(IImage::Format f) { return f == IImage::RGBA || f == IImage::BGRA; }
 
 // Blocks are laid out row after row, ceil(width / 4) per row. For sizes that
 // are multiples of 4 this is exactly the row pitch of the format; for other
@@ -122,6 +123,24 @@ void ImageUtil::DecompressImages(const IDataArray<std::shared_ptr<const IImage>>
   const auto n = static_cast<std::int64_t>(images.count);
 #pragma omp parallel for schedule(dynamic, 1)
   for (std::int64_t i = 0; i < n; ++i) images.data[i] = DecompressImage(images.data[i], target);
+}
+
+std::shared_ptr<IImage> ImageUtil::ForceFormat(const std::shared_ptr<const IImage>& src, IImage::Format target) {
+  // Already there: the source itself, shared (callers treat results as read-only).
+  if (!src || src->format() == target) return std::const_pointer_cast<IImage>(src);
+  const IImage::Format from = src->format();
+  if (IsRgb32(from)) {
+    if (IsRgb32(target)) return SwizzleRBChannels(src);
+    if (IsDxt(target)) return CompressImage(src, target);
+  } else if (IsDxt(from)) {
+    if (IsRgb32(target)) return DecompressImage(src, target);
+    if (IsDxt(target)) {
+      KEL_LOG_WARN(L"Performance warning: Converting between DXT1 and DXT2 is expensive and usually doesn't make sense.");
+      return CompressImage(DecompressImage(src, IImage::RGBA), target);
+    }
+  }
+  KEL_LOG_WARN(L"Conversion failed. Unknown or incompatible formats.");
+  return nullptr;
 }
 
 }  // namespace kel

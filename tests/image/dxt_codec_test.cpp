@@ -295,6 +295,51 @@ TEST(DxtCodec, ArraysAreReplacedInPlace) {
   ImageUtil::CompressImages(IDataArray<std::shared_ptr<const IImage>>{}, IImage::DXT1);  // empty: nothing
 }
 
+// ---- ForceFormat ------------------------------------------------------------------
+
+TEST(ForceFormat, SameFormatOrNullReturnsTheSourceItself) {
+  EXPECT_EQ(ImageUtil::ForceFormat(nullptr, IImage::DXT1), nullptr);
+  std::shared_ptr<const IImage> src = MakeImage(4, 4, Fill({1, 2, 3, 4}));
+  EXPECT_EQ(ImageUtil::ForceFormat(src, IImage::RGBA).get(), src.get());
+}
+
+TEST(ForceFormat, ConvertsBetweenEverySupportedPair) {
+  std::vector<Color4B> px(64);
+  for (std::size_t i = 0; i < px.size(); ++i)
+    px[i] = {static_cast<std::uint8_t>(i * 4), static_cast<std::uint8_t>(255 - i), 77, 255};
+  std::shared_ptr<const IImage> rgba = MakeImage(8, 8, px);
+  auto bgra = ImageUtil::ForceFormat(rgba, IImage::BGRA);
+  ASSERT_NE(bgra, nullptr);
+  // The swizzle exchanges bytes 0 and 2 and keeps the source's format label.
+  EXPECT_EQ(bgra->format(), IImage::RGBA);
+  EXPECT_EQ(PixelAt(*bgra, 3, 2), (Color4B{px[19].b, px[19].g, px[19].r, px[19].a}));
+  auto dxt1 = ImageUtil::ForceFormat(rgba, IImage::DXT1);
+  EXPECT_EQ(Bytes(*dxt1), Bytes(*ImageUtil::CompressImage(rgba, IImage::DXT1)));
+  auto back = ImageUtil::ForceFormat(dxt1, IImage::BGRA);
+  EXPECT_EQ(Bytes(*back), Bytes(*ImageUtil::DecompressImage(dxt1, IImage::BGRA)));
+}
+
+TEST(ForceFormat, DxtToDxtWarnsAndGoesThroughRgba) {
+  testing::LogRecorder log;
+  std::shared_ptr<const IImage> dxt1 = ImageUtil::CompressImage(MakeImage(8, 8, std::vector<Color4B>(64, Color4B{9, 80, 200, 255})), IImage::DXT1);
+  auto dxt5 = ImageUtil::ForceFormat(dxt1, IImage::DXT5);
+  ASSERT_NE(dxt5, nullptr);
+  EXPECT_EQ(dxt5->format(), IImage::DXT5);
+  EXPECT_EQ(dxt5->mipLevels(), 1u);
+  EXPECT_TRUE(log.contains(
+      "Performance warning: Converting between DXT1 and DXT2 is expensive and usually doesn't make sense."));
+}
+
+TEST(ForceFormat, UnsupportedPairsWarnAndGiveNull) {
+  testing::LogRecorder log;
+  std::shared_ptr<const IImage> rgba = MakeImage(4, 4, Fill({1, 2, 3, 4}));
+  EXPECT_EQ(ImageUtil::ForceFormat(rgba, IImage::Float32), nullptr);
+  EXPECT_EQ(ImageUtil::ForceFormat(ImageUtil::CreateImage(4, 4, IImage::Float32, 1), IImage::RGBA), nullptr);
+  EXPECT_EQ(ImageUtil::ForceFormat(rgba, IImage::Unknown), nullptr);
+  EXPECT_EQ(log.messages().size(), 3u);
+  EXPECT_TRUE(log.contains("Conversion failed. Unknown or incompatible formats."));
+}
+
 // ---- SIMD kernel equals the scalar reference -------------------------------------
 
 #if KEL_DXT_SSE2
