@@ -5,3 +5,4 @@
 #include <vector>
 
 int RunTileCommand(const std::vector<std::string>& words);
+int RunDdsCommand(const std::vector<std::string>& words);

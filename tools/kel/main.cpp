@@ -19,6 +19,7 @@ struct Group {
 
 const Group kGroups[] = {
     {"tile", "quadtree tile addressing and index ranges", &RunTileCommand},
+    {"dds", "DDS texture files: header, format, alpha", &RunDdsCommand},
 };
 
 void PrintHelp() {
