@@ -278,6 +278,14 @@ inline unsigned HorizontalMin8(__m128i v) {
   return static_cast<unsigned>(_mm_cvtsi128_si32(v)) & 0xFF;
 }
 
+// The largest byte in every lane.
+inline __m128i BroadcastMax8(__m128i v) {
+  v = _mm_max_epu8(v, _mm_shuffle_epi32(v, 0x4E));
+  v = _mm_max_epu8(v, _mm_shuffle_epi32(v, 0xB1));
+  v = _mm_max_epu8(v, _mm_shufflehi_epi16(_mm_shufflelo_epi16(v, 0xB1), 0xB1));
+  return _mm_max_epu8(v, _mm_or_si128(_mm_srli_epi16(v, 8), _mm_slli_epi16(v, 8)));
+}
+
 // First lane equal to `value`; `fallback` when none is.
 inline int FirstEqual8(__m128i v, unsigned value, int fallback) {
   const int mask = _mm_movemask_epi8(_mm_cmpeq_epi8(v, Splat8(value)));
@@ -291,51 +299,123 @@ inline std::uint32_t InterleaveIndexBits(__m128i low, __m128i high) {
   return lo | (hi << 16);
 }
 
-inline void EncodeColourPlanes(const Planes& pl, const std::uint8_t* const rows[4], bool bgra, bool dxt1,
-                               std::uint8_t out[8]) {
+// 5:6:5 of a masked pixel word (bytes 0, 1, 2 masked with F8, FC, F8).
+template <bool Bgra>
+inline std::uint32_t Pack565Word(std::uint32_t m) {
+  if (Bgra) return ((m >> 8) & 0xF800) | ((m & 0xFC00) >> 5) | ((m & 0xF8) >> 3);
+  return ((m & 0xF8) << 8) | ((m & 0xFC00) >> 5) | ((m >> 19) & 0x1F);
+}
+
+inline std::uint32_t Load32(const std::uint8_t* p) {
+  std::uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+// Broadcasts 16-bit lane `L` (whose two bytes are equal) to every byte.
+template <int L>
+inline __m128i SplatLane(__m128i v) {
+  if constexpr (L < 4)
+    return _mm_shuffle_epi32(_mm_shufflelo_epi16(v, L * 0x55), 0x00);
+  else
+    return _mm_shuffle_epi32(_mm_shufflehi_epi16(v, (L - 4) * 0x55), 0xAA);
+}
+
+// Sum of absolute differences to the palette entry held in lanes L..L+2.
+template <int L>
+inline __m128i Distance(__m128i x, __m128i y, __m128i z, __m128i entries) {
+  return _mm_add_epi8(_mm_add_epi8(AbsDiff8(x, SplatLane<L>(entries)), AbsDiff8(y, SplatLane<L + 1>(entries))),
+                      AbsDiff8(z, SplatLane<L + 2>(entries)));
+}
+
+template <bool Bgra, bool Dxt1>
+inline void EncodeColourPlanesT(const Planes& pl, const std::uint8_t* const rows[4], std::uint8_t out[8]) {
   // Channels divided by 4 after masking: 0..62, 0..63, 0..62.
   const __m128i x = _mm_and_si128(_mm_srli_epi16(pl.c0, 2), _mm_set1_epi8(0x3E));
   const __m128i y = _mm_and_si128(_mm_srli_epi16(pl.c1, 2), _mm_set1_epi8(0x3F));
   const __m128i z = _mm_and_si128(_mm_srli_epi16(pl.c2, 2), _mm_set1_epi8(0x3E));
   const __m128i key = _mm_add_epi8(_mm_add_epi8(x, y), z);
   const __m128i ones = _mm_set1_epi8(-1);
-  const __m128i opaque = dxt1 ? _mm_cmplt_epi8(pl.a, _mm_setzero_si128()) : ones;
-  const bool hasTransparent = _mm_movemask_epi8(opaque) != 0xFFFF;
+  const __m128i opaque = Dxt1 ? _mm_cmplt_epi8(pl.a, _mm_setzero_si128()) : ones;
+  const bool hasTransparent = Dxt1 && _mm_movemask_epi8(opaque) != 0xFFFF;
 
-  // Transparent pixels take key 255: above every real key, so never a new minimum.
-  const __m128i minKey = _mm_or_si128(key, _mm_andnot_si128(opaque, ones));
-  const int minI = FirstEqual8(minKey, HorizontalMin8(minKey), 0);
+  // Transparent pixels take key 255: above every real key, so never a new
+  // minimum. Running maximum of 255 - key, with 0 as the neutral start.
+  const __m128i inv = _mm_andnot_si128(_mm_or_si128(key, _mm_andnot_si128(opaque, ones)), ones);
+  __m128i run = _mm_max_epu8(inv, _mm_slli_si128(inv, 1));
+  run = _mm_max_epu8(run, _mm_slli_si128(run, 2));
+  run = _mm_max_epu8(run, _mm_slli_si128(run, 4));
+  run = _mm_max_epu8(run, _mm_slli_si128(run, 8));
+  const __m128i before = _mm_slli_si128(run, 1);
+  // The last lane holds the overall maximum: broadcast it and find its first lane.
+  __m128i top = _mm_shuffle_epi32(_mm_shufflehi_epi16(run, 0xFF), 0xFF);
+  top = _mm_or_si128(_mm_srli_epi16(top, 8), _mm_slli_epi16(_mm_srli_epi16(top, 8), 8));
+  const int minMask = _mm_movemask_epi8(_mm_cmpeq_epi8(inv, top));
+  const int minI = std::countr_zero(static_cast<unsigned>(minMask) | 0x10000u) & 15;  // all transparent: pixel 0
   // Maximum candidates: opaque pixels that did not lower the running minimum.
-  const __m128i cand = _mm_and_si128(_mm_andnot_si128(LowersRunningMin(minKey), opaque), key);
-  const unsigned maxKey = HorizontalMax8(cand);
-  const int maxI = maxKey == 0 ? 0 : FirstEqual8(cand, maxKey, 0);
+  const __m128i kept = _mm_cmpeq_epi8(_mm_max_epu8(inv, before), before);
+  const __m128i cand = _mm_and_si128(_mm_and_si128(kept, opaque), key);
+  // First lane holding the largest candidate; with no candidate every lane
+  // is 0 and pixel 0 is taken, as the scan's starting index.
+  const int maxI = std::countr_zero(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(cand, BroadcastMax8(cand)))));
 
-  unsigned e0[3], e1[3];
-  std::uint16_t c0, c1;
-  const bool three = OrderEndpoints(rows, minI, maxI, hasTransparent, bgra, e0, e1, c0, c1);
-  ColourPalette pal;
-  MakePalette(pal, e0, e1, three);
-  __m128i d[4];
-  for (int k = 0; k < (three ? 3 : 4); ++k)
-    d[k] = _mm_add_epi8(_mm_add_epi8(AbsDiff8(x, Splat8(pal.c[k][0] >> 2)), AbsDiff8(y, Splat8(pal.c[k][1] >> 2))),
-                        AbsDiff8(z, Splat8(pal.c[k][2] >> 2)));
+  constexpr std::uint32_t kMask = 0x00F8FCF8u;
+  std::uint32_t m0 = Load32(rows[minI >> 2] + 4 * (minI & 3)) & kMask;
+  std::uint32_t m1 = Load32(rows[maxI >> 2] + 4 * (maxI & 3)) & kMask;
+  std::uint32_t c0 = Pack565Word<Bgra>(m0), c1 = Pack565Word<Bgra>(m1);
+  const bool three = hasTransparent || c0 == c1;
+  if (three ? c0 > c1 : c0 < c1) {
+    std::swap(c0, c1);
+    std::swap(m0, m1);
+  }
+  // Endpoints as 16-bit lanes [x0 y0 z0 0 x1 y1 z1 0]; the two derived entries
+  // are computed side by side: (2e0 + e1) / 3 and (e0 + 2e1) / 3, or the mean.
+  const __m128i ends = _mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(m0)), _mm_setzero_si128());
+  const __m128i e01 = _mm_unpacklo_epi64(ends, _mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(m1)),
+                                                                 _mm_setzero_si128()));
+  const __m128i lo = _mm_unpacklo_epi64(e01, e01), hi = _mm_unpackhi_epi64(e01, e01);
+  const __m128i chanMask = _mm_set_epi16(0, 0xF8, 0xFC, 0xF8, 0, 0xF8, 0xFC, 0xF8);
+  __m128i e23;
+  if (three)
+    e23 = _mm_and_si128(_mm_srli_epi16(_mm_add_epi16(lo, hi), 1), chanMask);
+  else  // exact division by 3 for sums below 2^15
+    e23 = _mm_and_si128(
+        _mm_srli_epi16(_mm_mulhi_epu16(_mm_add_epi16(_mm_add_epi16(lo, hi), e01), _mm_set1_epi16(-21845)), 1),
+        chanMask);
+  // Scaled by 1/4 and doubled into both bytes of each lane for the broadcasts.
+  __m128i p01 = _mm_srli_epi16(e01, 2), p23 = _mm_srli_epi16(e23, 2);
+  p01 = _mm_or_si128(p01, _mm_slli_epi16(p01, 8));
+  p23 = _mm_or_si128(p23, _mm_slli_epi16(p23, 8));
+  const __m128i d0 = Distance<0>(x, y, z, p01), d1 = Distance<4>(x, y, z, p01), d2 = Distance<0>(x, y, z, p23);
   std::uint32_t indices;
   if (!three) {
-    const __m128i g03 = Greater8(d[0], d[3]);
-    const __m128i x0 = _mm_and_si128(Greater8(d[1], d[2]), Greater8(d[0], d[2]));
-    const __m128i x1 = _mm_and_si128(g03, Greater8(d[1], d[3]));
-    const __m128i x2 = _mm_and_si128(g03, Greater8(d[2], d[3]));
+    const __m128i d3 = Distance<4>(x, y, z, p23);
+    const __m128i bias = _mm_set1_epi8(static_cast<char>(0x80));
+    const __m128i b0 = _mm_xor_si128(d0, bias), b1 = _mm_xor_si128(d1, bias), b2 = _mm_xor_si128(d2, bias),
+                  b3 = _mm_xor_si128(d3, bias);
+    const __m128i g03 = _mm_cmpgt_epi8(b0, b3);
+    const __m128i x0 = _mm_and_si128(_mm_cmpgt_epi8(b1, b2), _mm_cmpgt_epi8(b0, b2));
+    const __m128i x1 = _mm_and_si128(g03, _mm_cmpgt_epi8(b1, b3));
+    const __m128i x2 = _mm_and_si128(g03, _mm_cmpgt_epi8(b2, b3));
     indices = InterleaveIndexBits(x2, _mm_or_si128(x0, x1));
   } else {
     const __m128i transparent = _mm_andnot_si128(opaque, ones);
-    const __m128i lt10 = Greater8(d[0], d[1]);
-    const __m128i lt2 = Greater8(_mm_min_epu8(d[0], d[1]), d[2]);
+    const __m128i lt10 = Greater8(d0, d1);
+    const __m128i lt2 = Greater8(_mm_min_epu8(d0, d1), d2);
     const __m128i bit0 = _mm_or_si128(_mm_andnot_si128(lt2, lt10), transparent);
     const __m128i bit1 = _mm_or_si128(lt2, transparent);
     indices = InterleaveIndexBits(bit0, bit1);
   }
-  Store32(out, c0 | (std::uint32_t{c1} << 16));
+  Store32(out, c0 | (c1 << 16));
   Store32(out + 4, indices);
+}
+
+inline void EncodeColourPlanes(const Planes& pl, const std::uint8_t* const rows[4], bool bgra, bool dxt1,
+                               std::uint8_t out[8]) {
+  if (bgra)
+    dxt1 ? EncodeColourPlanesT<true, true>(pl, rows, out) : EncodeColourPlanesT<true, false>(pl, rows, out);
+  else
+    dxt1 ? EncodeColourPlanesT<false, true>(pl, rows, out) : EncodeColourPlanesT<false, false>(pl, rows, out);
 }
 
 // Bit i of a byte moved to bit 3i.
