@@ -19,39 +19,64 @@ bool IsRgb32(IImage::Format f) { return f == IImage::RGBA || f == IImage::BGRA; 
 // sizes it is the usual padded layout, cut at the image's own (smaller) size.
 std::uint64_t BlocksAcross(std::uint64_t pixels) { return (pixels + 3) / 4; }
 
-void Encode(const IImage& src, IImage& dst, bool dxt5) {
+// One clamped copy of a block that crosses the right or bottom border.
+void GatherEdge(const std::uint8_t* const rowPtr[4], std::uint64_t bx, std::uint64_t w, std::uint8_t edge[64],
+                const std::uint8_t* rows[4]) {
+  for (int j = 0; j < 4; ++j) {
+    for (std::uint64_t i = 0; i < 4; ++i)
+      std::memcpy(edge + j * 16 + i * 4, rowPtr[j] + std::min(bx * 4 + i, w - 1) * 4, 4);
+    rows[j] = edge + j * 16;
+  }
+}
+
+template <bool Bgra, bool Dxt5>
+void EncodeRows(const IImage& src, IImage& dst) {
   const std::uint64_t w = src.width(), h = src.height();
-  if (w == 0 || h == 0) return;
-  const bool bgra = src.format() == IImage::BGRA;
   const std::uint8_t* base = src.lineData(0, 0);
-  const std::uint64_t pitch = w * 4;
-  const std::uint64_t blockBytes = dxt5 ? 16 : 8;
-  const std::uint64_t across = BlocksAcross(w), down = BlocksAcross(h);
-  const std::uint64_t capacity = IImage::SizeInBytes(w, h, dst.format(), 1);
   std::uint8_t* out = dst.lineData(0, 0);
-  std::uint8_t edge[64];  // clamped copy of a block that crosses the right or bottom border
+  if (w == 0 || h == 0 || base == nullptr || out == nullptr) return;
+  const std::uint64_t pitch = w * 4;
+  constexpr std::uint64_t blockBytes = Dxt5 ? 16 : 8;
+  const std::uint64_t across = BlocksAcross(w), down = BlocksAcross(h);
+  const std::uint64_t whole = w / 4;  // blocks that need no clamping across
+  const std::uint64_t capacity = IImage::SizeInBytes(w, h, dst.format(), 1);
+  std::uint8_t edge[64];
   for (std::uint64_t by = 0; by < down; ++by) {
     const std::uint8_t* rowPtr[4];
     for (std::uint64_t j = 0; j < 4; ++j) rowPtr[j] = base + std::min(by * 4 + j, h - 1) * pitch;
-    for (std::uint64_t bx = 0; bx < across; ++bx) {
-      const std::uint64_t offset = (by * across + bx) * blockBytes;
-      if (offset + blockBytes > capacity) return;
+    const std::uint64_t rowStart = by * across * blockBytes;
+    // Stop before the first block the destination has no room for.
+    const std::uint64_t room = capacity > rowStart ? (capacity - rowStart) / blockBytes : 0;
+    const std::uint64_t count = std::min(across, room);
+    std::uint8_t* rowOut = out + rowStart;
+    std::uint64_t bx = 0;
+    for (; bx + 2 <= std::min(whole, count); bx += 2) {
+      const std::uint8_t* a[4] = {rowPtr[0] + bx * 16, rowPtr[1] + bx * 16, rowPtr[2] + bx * 16, rowPtr[3] + bx * 16};
+      const std::uint8_t* b[4] = {a[0] + 16, a[1] + 16, a[2] + 16, a[3] + 16};
+      detail::EncodeBlockPair<Bgra, Dxt5>(a, b, rowOut + bx * blockBytes, rowOut + (bx + 1) * blockBytes);
+    }
+    for (; bx < count; ++bx) {
       const std::uint8_t* rows[4];
-      if (bx * 4 + 4 <= w) {
+      if (bx < whole) {
         for (int j = 0; j < 4; ++j) rows[j] = rowPtr[j] + bx * 16;
       } else {
-        for (int j = 0; j < 4; ++j) {
-          for (std::uint64_t i = 0; i < 4; ++i)
-            std::memcpy(edge + j * 16 + i * 4, rowPtr[j] + std::min(bx * 4 + i, w - 1) * 4, 4);
-          rows[j] = edge + j * 16;
-        }
+        GatherEdge(rowPtr, bx, w, edge, rows);
       }
-      if (dxt5)
-        detail::EncodeDxt5Block(rows, bgra, out + offset);
+      if constexpr (Dxt5)
+        detail::EncodeDxt5Block(rows, Bgra, rowOut + bx * blockBytes);
       else
-        detail::EncodeDxt1Block(rows, bgra, out + offset);
+        detail::EncodeDxt1Block(rows, Bgra, rowOut + bx * blockBytes);
     }
+    if (count < across) return;
   }
+}
+
+void Encode(const IImage& src, IImage& dst, bool dxt5) {
+  const bool bgra = src.format() == IImage::BGRA;
+  if (bgra)
+    dxt5 ? EncodeRows<true, true>(src, dst) : EncodeRows<true, false>(src, dst);
+  else
+    dxt5 ? EncodeRows<false, true>(src, dst) : EncodeRows<false, false>(src, dst);
 }
 
 void Decode(const IImage& src, IImage& dst, bool bgra) {

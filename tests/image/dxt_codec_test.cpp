@@ -380,6 +380,38 @@ TEST_P(DxtKernels, Sse2MatchesScalarBitForBit) {
   }
 }
 
+TEST(DxtKernels, WholeImagesMatchTheScalarKernelBlockByBlock) {
+  // 5 blocks across: pairs of blocks and a single one at the end of each row.
+  std::mt19937 rng(99);
+  std::vector<Color4B> px(20 * 12);
+  for (auto& c : px) {
+    const std::uint8_t base = static_cast<std::uint8_t>(rng() % 200);
+    c = {static_cast<std::uint8_t>(base + rng() % 40), static_cast<std::uint8_t>(base + rng() % 50),
+         static_cast<std::uint8_t>(base + rng() % 30), static_cast<std::uint8_t>(rng() % 3 == 0 ? rng() : 255)};
+  }
+  for (auto format : {IImage::RGBA, IImage::BGRA})
+    for (auto target : {IImage::DXT1, IImage::DXT5}) {
+      auto src = MakeImage(20, 12, px, format);
+      const Block all = Bytes(*ImageUtil::CompressImage(src, target));
+      const std::size_t blockBytes = target == IImage::DXT5 ? 16 : 8;
+      for (int by = 0; by < 3; ++by)
+        for (int bx = 0; bx < 5; ++bx) {
+          const std::uint8_t* rows[4];
+          for (int j = 0; j < 4; ++j) rows[j] = src->lineData(0, 0) + ((by * 4 + j) * 20 + bx * 4) * 4;
+          std::uint8_t expect[16];
+          if (target == IImage::DXT5) {
+            detail::EncodeAlphaScalar(rows, expect);
+            detail::EncodeColourScalar(rows, format == IImage::BGRA, false, expect + 8);
+          } else {
+            detail::EncodeColourScalar(rows, format == IImage::BGRA, true, expect);
+          }
+          const std::size_t at = (by * 5 + bx) * blockBytes;
+          EXPECT_EQ(Block(all.begin() + at, all.begin() + at + blockBytes), Block(expect, expect + blockBytes))
+              << "block " << bx << "," << by;
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Blocks, DxtKernels,
                          ::testing::Values(RandomBlocks{"random", 0, false}, RandomBlocks{"two", 2, false},
                                            RandomBlocks{"three", 3, true}, RandomBlocks{"one", 1, true},

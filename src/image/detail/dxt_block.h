@@ -328,8 +328,17 @@ inline __m128i Distance(__m128i x, __m128i y, __m128i z, __m128i entries) {
                       AbsDiff8(z, SplatLane<L + 2>(entries)));
 }
 
-template <bool Bgra, bool Dxt1>
-inline void EncodeColourPlanesT(const Planes& pl, const std::uint8_t* const rows[4], std::uint8_t out[8]) {
+// First half of the colour kernel: scaled channel planes and the endpoint
+// pixels. Split from the second half so that two blocks can be interleaved
+// (the kernel is one long dependency chain; two chains keep the core busy).
+struct ColourScan {
+  __m128i x, y, z, opaque;
+  int minI, maxI;
+  bool hasTransparent;
+};
+
+template <bool Dxt1>
+inline ColourScan ScanColour(const Planes& pl) {
   // Channels divided by 4 after masking: 0..62, 0..63, 0..62.
   const __m128i x = _mm_and_si128(_mm_srli_epi16(pl.c0, 2), _mm_set1_epi8(0x3E));
   const __m128i y = _mm_and_si128(_mm_srli_epi16(pl.c1, 2), _mm_set1_epi8(0x3F));
@@ -358,7 +367,15 @@ inline void EncodeColourPlanesT(const Planes& pl, const std::uint8_t* const rows
   // First lane holding the largest candidate; with no candidate every lane
   // is 0 and pixel 0 is taken, as the scan's starting index.
   const int maxI = std::countr_zero(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(cand, BroadcastMax8(cand)))));
+  return {x, y, z, opaque, minI, maxI, hasTransparent};
+}
 
+template <bool Bgra>
+inline void FinishColour(const ColourScan& scan, const std::uint8_t* const rows[4], std::uint8_t out[8]) {
+  const __m128i x = scan.x, y = scan.y, z = scan.z, opaque = scan.opaque;
+  const int minI = scan.minI, maxI = scan.maxI;
+  const bool hasTransparent = scan.hasTransparent;
+  const __m128i ones = _mm_set1_epi8(-1);
   constexpr std::uint32_t kMask = 0x00F8FCF8u;
   std::uint32_t m0 = Load32(rows[minI >> 2] + 4 * (minI & 3)) & kMask;
   std::uint32_t m1 = Load32(rows[maxI >> 2] + 4 * (maxI & 3)) & kMask;
@@ -412,10 +429,8 @@ inline void EncodeColourPlanesT(const Planes& pl, const std::uint8_t* const rows
 
 inline void EncodeColourPlanes(const Planes& pl, const std::uint8_t* const rows[4], bool bgra, bool dxt1,
                                std::uint8_t out[8]) {
-  if (bgra)
-    dxt1 ? EncodeColourPlanesT<true, true>(pl, rows, out) : EncodeColourPlanesT<true, false>(pl, rows, out);
-  else
-    dxt1 ? EncodeColourPlanesT<false, true>(pl, rows, out) : EncodeColourPlanesT<false, false>(pl, rows, out);
+  const ColourScan scan = dxt1 ? ScanColour<true>(pl) : ScanColour<false>(pl);
+  bgra ? FinishColour<true>(scan, rows, out) : FinishColour<false>(scan, rows, out);
 }
 
 // Bit i of a byte moved to bit 3i.
@@ -489,6 +504,33 @@ inline void EncodeDxt5Block(const std::uint8_t* const rows[4], bool bgra, std::u
 #else
   EncodeAlphaScalar(rows, out);
   EncodeColourScalar(rows, bgra, false, out + 8);
+#endif
+}
+
+// Two neighbouring blocks with the same results as two single calls; the
+// SSE2 version interleaves their dependency chains.
+template <bool Bgra, bool Dxt5>
+inline void EncodeBlockPair(const std::uint8_t* const rowsA[4], const std::uint8_t* const rowsB[4],
+                            std::uint8_t* outA, std::uint8_t* outB) {
+#if KEL_DXT_SSE2
+  const Planes pa = LoadPlanes(rowsA), pb = LoadPlanes(rowsB);
+  const ColourScan sa = ScanColour<!Dxt5>(pa), sb = ScanColour<!Dxt5>(pb);
+  if constexpr (Dxt5) {
+    EncodeAlphaPlane(pa.a, outA);
+    EncodeAlphaPlane(pb.a, outB);
+    outA += 8;
+    outB += 8;
+  }
+  FinishColour<Bgra>(sa, rowsA, outA);
+  FinishColour<Bgra>(sb, rowsB, outB);
+#else
+  if constexpr (Dxt5) {
+    EncodeDxt5Block(rowsA, Bgra, outA);
+    EncodeDxt5Block(rowsB, Bgra, outB);
+  } else {
+    EncodeDxt1Block(rowsA, Bgra, outA);
+    EncodeDxt1Block(rowsB, Bgra, outB);
+  }
 #endif
 }
 
