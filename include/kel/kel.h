@@ -8,6 +8,8 @@
 #include "kel/core/text.h"
 #include "kel/core/types.h"
 #include "kel/core/wexception.h"
+#include "kel/image/color.h"
+#include "kel/image/dds.h"
 #include "kel/image/image.h"
 #include "kel/image/image_util.h"
 #include "kel/spatial/bvh.h"

@@ -9,3 +9,4 @@ int RunSffCommand(const std::vector<std::string>& words);
 int RunCacheCommand(const std::vector<std::string>& words);
 int RunPickCommand(const std::vector<std::string>& words);
 int RunBvhCommand(const std::vector<std::string>& words);
+int RunDdsCommand(const std::vector<std::string>& words);

@@ -23,6 +23,7 @@ const Group kGroups[] = {
     {"cache", "tile cache file names and states", &RunCacheCommand},
     {"pick", "heights and ray hits on a tile file (kel pick TILE X Y)", &RunPickCommand},
     {"bvh", "the triangle tree of a tile file", &RunBvhCommand},
+    {"dds", "DDS texture files: header, format, alpha", &RunDdsCommand},
 };
 
 void PrintHelp() {

@@ -1,0 +1,219 @@
+// ImageUtil::Load and LoadFromMemory: PNG through libpng's simplified API,
+// JPEG through libjpeg(-turbo), DDS through DDSFileUtil. Hostile bytes are
+// safe: decoder errors come back as wexception (libjpeg's exit() and
+// libpng's longjmp never leave this file), claimed sizes are checked against
+// the bytes present and against kMaxDecodedBytes before anything is allocated.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csetjmp>
+#include <cstdio>
+#include <cstring>
+#include <cwctype>
+#include <vector>
+
+#include <jpeglib.h>
+#include <jerror.h>
+#include <png.h>
+
+#include "detail/image_convert.h"
+#include "kel/core/path.h"
+#include "kel/core/wexception.h"
+#if __has_include("kel/image/dds.h")
+#include "kel/image/dds.h"
+#endif
+#include "kel/image/image_util.h"
+
+namespace kel {
+namespace {
+
+// Decoded images above this many bytes are refused as decompression bombs.
+constexpr std::uint64_t kMaxDecodedBytes = std::uint64_t{1} << 30;
+
+enum class Kind { Png, Jpeg, Dds, Unsupported };
+
+Kind KindOf(const std::wstring& name) {
+  const auto slash = name.find_last_of(L"/\\");
+  const auto dot = name.find_last_of(L'.');
+  if (dot == std::wstring::npos || (slash != std::wstring::npos && dot < slash)) return Kind::Unsupported;
+  std::wstring ext = name.substr(dot);
+  for (auto& c : ext) c = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(c)));
+  if (ext == L".png") return Kind::Png;
+  if (ext == L".jpg" || ext == L".jpeg") return Kind::Jpeg;
+  if (ext == L".dds") return Kind::Dds;
+  return Kind::Unsupported;
+}
+
+[[noreturn]] void Fail(const wchar_t* what, const std::wstring& name) { throw wexception(what + name); }
+
+bool TooLarge(std::uint64_t width, std::uint64_t height) {
+  return width != 0 && height > kMaxDecodedBytes / 4 / width;
+}
+
+std::shared_ptr<IImage> NewRgba(std::uint64_t width, std::uint64_t height, const std::wstring& name) {
+  if (width == 0 || height == 0 || TooLarge(width, height)) Fail(L"Image decompression failed: ", name);
+  auto image = ImageUtil::CreateImage(width, height, IImage::RGBA, 1);
+  if (image->lineData(0, 0) == nullptr) Fail(L"Image decompression failed: ", name);
+  return image;
+}
+
+std::shared_ptr<IImage> DecodePng(const std::uint8_t* data, std::size_t size, const std::wstring& name) {
+  // The simplified API catches libpng's errors itself and reports failure.
+  png_image png;
+  std::memset(&png, 0, sizeof png);
+  png.version = PNG_IMAGE_VERSION;
+  if (!png_image_begin_read_from_memory(&png, data, size)) Fail(L"Image decompression failed: ", name);
+  png.format = PNG_FORMAT_RGBA;
+  std::shared_ptr<IImage> image;
+  try {
+    image = NewRgba(png.width, png.height, name);
+  } catch (...) {
+    png_image_free(&png);
+    throw;
+  }
+  const auto stride = static_cast<png_int_32>(png.width * 4);
+  if (!png_image_finish_read(&png, nullptr, image->lineData(0, 0), stride, nullptr)) {
+    png_image_free(&png);
+    Fail(L"Image decompression failed: ", name);
+  }
+  png_image_free(&png);
+  return image;
+}
+
+struct JpegError {
+  jpeg_error_mgr mgr;
+  std::jmp_buf jump;
+};
+
+void JpegErrorExit(j_common_ptr info) { std::longjmp(reinterpret_cast<JpegError*>(info->err)->jump, 1); }
+
+// Warnings are silent, except running out of data: libjpeg would pad the
+// image with grey, which lets a few bytes claim a huge picture.
+void JpegEmitMessage(j_common_ptr info, int level) {
+  if (level < 0 && info->err->msg_code == JWRN_JPEG_EOF) JpegErrorExit(info);
+}
+
+void JpegOutputMessage(j_common_ptr) {}
+
+struct JpegJob {
+  jpeg_decompress_struct info;
+  JpegError error;
+};
+
+// Everything between setjmp and a possible longjmp lives in `job` or
+// `image` (both owned by the caller), so the jump skips no destructor.
+bool RunJpeg(JpegJob& job, const std::uint8_t* data, std::size_t size, const std::wstring& name,
+             std::shared_ptr<IImage>& image) {
+  if (setjmp(job.error.jump)) return false;
+  jpeg_mem_src(&job.info, data, static_cast<unsigned long>(size));
+  if (jpeg_read_header(&job.info, TRUE) != JPEG_HEADER_OK) return false;
+  job.info.out_color_space = JCS_EXT_RGBA;
+  if (TooLarge(job.info.image_width, job.info.image_height)) return false;
+  jpeg_start_decompress(&job.info);
+  if (job.info.output_components != 4) return false;
+  image = NewRgba(job.info.output_width, job.info.output_height, name);
+  while (job.info.output_scanline < job.info.output_height) {
+    JSAMPROW row = image->lineData(job.info.output_scanline, 0);
+    if (jpeg_read_scanlines(&job.info, &row, 1) != 1) return false;
+  }
+  jpeg_finish_decompress(&job.info);
+  return true;
+}
+
+std::shared_ptr<IImage> DecodeJpeg(const std::uint8_t* data, std::size_t size, const std::wstring& name) {
+  JpegJob job;
+  std::memset(&job, 0, sizeof job);
+  job.info.err = jpeg_std_error(&job.error.mgr);
+  job.error.mgr.error_exit = &JpegErrorExit;
+  job.error.mgr.emit_message = &JpegEmitMessage;
+  job.error.mgr.output_message = &JpegOutputMessage;
+  jpeg_create_decompress(&job.info);
+  std::shared_ptr<IImage> image;
+  bool ok = false;
+  try {
+    ok = RunJpeg(job, data, size, name, image);
+  } catch (...) {
+    jpeg_destroy_decompress(&job.info);
+    throw;
+  }
+  jpeg_destroy_decompress(&job.info);
+  if (!ok) Fail(L"Image decompression failed: ", name);
+  return image;
+}
+
+std::uint32_t Le32(const std::uint8_t* p) {
+  return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
+         static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
+}
+
+// DDSFileUtil trusts the header's pixel byte count; check it against the
+// bytes present (and the size limit) before handing the buffer over.
+void CheckDdsFits(const std::uint8_t* data, std::size_t size, const std::wstring& name) {
+  if (size < 128 || std::memcmp(data, "DDS ", 4) != 0) return;  // DDSFileUtil reports these
+  const std::uint64_t height = Le32(data + 12), width = Le32(data + 16);
+  std::uint64_t levels = Le32(data + 28);
+  if (levels == 0) levels = 1;
+  IImage::Format format;
+  if (Le32(data + 88) == 32) format = IImage::RGBA;
+  else if ((Le32(data + 80) & 4) != 0 && std::memcmp(data + 84, "DXT1", 4) == 0) format = IImage::DXT1;
+  else if ((Le32(data + 80) & 4) != 0 && std::memcmp(data + 84, "DXT5", 4) == 0) format = IImage::DXT5;
+  else return;  // unsupported: DDSFileUtil throws its own message
+  if (TooLarge(width, height)) Fail(L"Image decompression failed: ", name);
+  if (IImage::SizeInBytes(width, height, format, levels) > size - 128) Fail(L"Image decompression failed: ", name);
+}
+
+std::shared_ptr<IImage> Decode(const std::uint8_t* data, std::size_t size, const std::wstring& name, Kind kind,
+                               IImage::Format format) {
+  std::shared_ptr<IImage> image;
+  switch (kind) {
+    case Kind::Png: image = DecodePng(data, size, name); break;
+    case Kind::Jpeg: image = DecodeJpeg(data, size, name); break;
+    case Kind::Dds:
+      CheckDdsFits(data, size, name);
+#if __has_include("kel/image/dds.h")
+      image = DDSFileUtil::LoadTextureFromBuffer(data, size);
+#endif
+      if (!image) Fail(L"Image decompression failed: ", name);
+      break;
+    case Kind::Unsupported: Fail(L"Unsupported file extension: ", name);
+  }
+  return detail::ConvertImage(image, format);
+}
+
+}  // namespace
+
+std::shared_ptr<IImage> ImageUtil::LoadFromMemory(const std::uint8_t* data, std::size_t size,
+                                                  const std::wstring& name, IImage::Format format) {
+  const Kind kind = KindOf(name);
+  if (kind == Kind::Unsupported) Fail(L"Unsupported file extension: ", name);
+  if (data == nullptr || size == 0) Fail(L"File is empty: ", name);
+  return Decode(data, size, name, kind, format);
+}
+
+std::shared_ptr<IImage> ImageUtil::Load(const std::wstring& path, IImage::Format format) {
+  const Kind kind = KindOf(path);
+  if (kind == Kind::Unsupported) Fail(L"Unsupported file extension: ", path);
+  const int fd = ::open(File::NativePath(path).c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) Fail(L"Failed to open file: ", path);
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ::close(fd);
+    Fail(L"Failed to open file: ", path);
+  }
+  std::vector<std::uint8_t> bytes(static_cast<std::size_t>(st.st_size));
+  std::size_t got = 0;
+  while (got < bytes.size()) {
+    const ssize_t n = ::read(fd, bytes.data() + got, bytes.size() - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    got += static_cast<std::size_t>(n);
+  }
+  ::close(fd);
+  if (got != bytes.size()) Fail(L"Failed to open file: ", path);
+  if (bytes.empty()) Fail(L"File is empty: ", path);
+  return Decode(bytes.data(), bytes.size(), path, kind, format);
+}
+
+}  // namespace kel

@@ -1,0 +1,182 @@
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "kel/core/text.h"
+#include "kel/core/wexception.h"
+#include "kel/image/image_util.h"
+
+namespace kel {
+namespace {
+
+std::wstring DataPath(const char* name) {
+  return Utf8String2WString(std::string(KEL_TEST_DATA_DIR) + "/image/" + name);
+}
+
+std::vector<std::uint8_t> ReadAll(const std::wstring& path) {
+  std::ifstream in(WString2Utf8String(path), std::ios::binary);
+  return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// The message of the wexception `fn` throws, or "" when it throws none.
+template <typename Fn>
+std::wstring ErrorOf(Fn&& fn) {
+  try {
+    fn();
+  } catch (const wexception& e) {
+    return e.message();
+  }
+  return L"";
+}
+
+std::vector<std::uint8_t> Pixels(const IImage& img) {
+  const std::uint8_t* p = img.lineData(0, 0);
+  return std::vector<std::uint8_t>(p, p + img.sizeInBytes());
+}
+
+TEST(Load, DecodesPngExactly) {
+  auto img = ImageUtil::Load(DataPath("tiny_rgba.png"), IImage::RGBA);
+  ASSERT_TRUE(img);
+  EXPECT_EQ(img->width(), 3u);
+  EXPECT_EQ(img->height(), 2u);
+  EXPECT_EQ(img->mipLevels(), 1u);
+  EXPECT_EQ(Pixels(*img), (std::vector<std::uint8_t>{255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0,
+                                                     10, 20, 30, 40, 200, 100, 50, 255, 255, 255, 255, 255}));
+  auto bgra = ImageUtil::Load(DataPath("tiny_rgba.png"), IImage::BGRA);
+  EXPECT_EQ(bgra->format(), IImage::BGRA);
+  EXPECT_EQ(bgra->lineData(0, 0)[2], 255);
+  EXPECT_EQ(bgra->lineData(0, 0)[0], 0);
+}
+
+TEST(Load, ExpandsGreyPngToOpaqueRgba) {
+  auto img = ImageUtil::Load(DataPath("tiny_grey.png"), IImage::RGBA);
+  EXPECT_EQ(Pixels(*img), (std::vector<std::uint8_t>{0, 0, 0, 255, 85, 85, 85, 255, 170, 170, 170, 255,
+                                                     255, 255, 255, 255}));
+}
+
+TEST(Load, DecodesJpegFilesWithUpperCaseExtensionsToo) {
+  auto img = ImageUtil::Load(DataPath("tiny_rgb.jpg"), IImage::RGBA);
+  ASSERT_TRUE(img);
+  EXPECT_EQ(img->width(), 16u);
+  EXPECT_EQ(img->height(), 8u);
+  const std::uint8_t* p = img->lineData(7, 0) + 15 * 4;
+  EXPECT_NEAR(p[0], 200, 3);
+  EXPECT_NEAR(p[1], 100, 3);
+  EXPECT_NEAR(p[2], 50, 3);
+  EXPECT_EQ(p[3], 255);
+  const auto bytes = ReadAll(DataPath("tiny_grey.jpg"));
+  auto grey = ImageUtil::LoadFromMemory(bytes.data(), bytes.size(), L"dir.v2/GREY.JPEG", IImage::RGBA);
+  EXPECT_NEAR(grey->lineData(3, 0)[4], 77, 2);
+  EXPECT_EQ(grey->lineData(3, 0)[4], grey->lineData(3, 0)[6]);
+}
+
+TEST(Load, SharedPhotographHasItsSize) {
+  auto img = ImageUtil::Load(Utf8String2WString(KEL_SHARED_DATA_DIR "/photo_board.jpg"), IImage::RGBA);
+  ASSERT_TRUE(img);
+  EXPECT_EQ(img->width(), 720u);
+  EXPECT_EQ(img->height(), 477u);
+}
+
+TEST(Load, MemoryAndFileAgree) {
+  for (const char* name : {"tiny_rgba.png", "tiny_rgb.jpg"}) {
+    const auto bytes = ReadAll(DataPath(name));
+    auto a = ImageUtil::Load(DataPath(name), IImage::RGBA);
+    auto b = ImageUtil::LoadFromMemory(bytes.data(), bytes.size(), DataPath(name), IImage::RGBA);
+    EXPECT_EQ(Pixels(*a), Pixels(*b)) << name;
+  }
+}
+
+TEST(Load, EveryErrorNamesThePath) {
+  const std::wstring missing = DataPath("no_such_file.png");
+  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(missing, IImage::RGBA); }), L"Failed to open file: " + missing);
+  const std::wstring dir = DataPath("dir.png");  // not there either, but also check a real directory
+  const std::wstring folder = Utf8String2WString(std::string(KEL_TEST_DATA_DIR) + "/image/.png");
+  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(L"/tmp/.", IImage::RGBA); }),
+            L"Unsupported file extension: /tmp/.");
+  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(L"picture.gif", IImage::RGBA); }),
+            L"Unsupported file extension: picture.gif");
+  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(L"folder.png/picture", IImage::RGBA); }),
+            L"Unsupported file extension: folder.png/picture");
+  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(L"/dev/null.png", IImage::RGBA); }),
+            L"Failed to open file: /dev/null.png");
+  (void)dir;
+  (void)folder;
+
+  const std::wstring empty = Utf8String2WString(testing::TempDir() + "kel_empty.jpg");
+  std::ofstream(WString2Utf8String(empty)).close();
+  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(empty, IImage::RGBA); }), L"File is empty: " + empty);
+
+  const std::wstring cmyk = DataPath("tiny_cmyk.jpg");
+  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(cmyk, IImage::RGBA); }), L"Image decompression failed: " + cmyk);
+
+  // PNG bytes under a JPEG name and the other way round.
+  const auto png = ReadAll(DataPath("tiny_rgba.png"));
+  EXPECT_EQ(ErrorOf([&] { ImageUtil::LoadFromMemory(png.data(), png.size(), L"a.jpg", IImage::RGBA); }),
+            L"Image decompression failed: a.jpg");
+  const auto jpg = ReadAll(DataPath("tiny_rgb.jpg"));
+  EXPECT_EQ(ErrorOf([&] { ImageUtil::LoadFromMemory(jpg.data(), jpg.size(), L"b.png", IImage::RGBA); }),
+            L"Image decompression failed: b.png");
+  EXPECT_EQ(ErrorOf([&] { ImageUtil::LoadFromMemory(jpg.data(), 0, L"c.png", IImage::RGBA); }),
+            L"File is empty: c.png");
+  EXPECT_EQ(ErrorOf([&] { ImageUtil::LoadFromMemory(jpg.data(), jpg.size(), L"c.tif", IImage::RGBA); }),
+            L"Unsupported file extension: c.tif");
+}
+
+TEST(Load, DirectoriesCannotBeOpened) {
+  const std::string dir = testing::TempDir() + "kel_dir.png";
+  std::filesystem::create_directories(dir);
+  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(Utf8String2WString(dir), IImage::RGBA); }),
+            L"Failed to open file: " + Utf8String2WString(dir));
+}
+
+TEST(Load, EveryTruncatedPrefixFailsCleanly) {
+  // Trailing bytes a decoder may do without once the pixels are complete:
+  // PNG's IEND chunk (12 bytes) and JPEG's EOI marker (2 bytes).
+  const struct {
+    const char* name;
+    std::size_t optionalTail;
+  } files[] = {{"tiny_rgba.png", 12}, {"tiny_rgb.jpg", 2}, {"tiny_grey.jpg", 2}};
+  for (const auto& [name, optionalTail] : files) {
+    const auto bytes = ReadAll(DataPath(name));
+    const std::wstring wname = Utf8String2WString(name);
+    const auto full = Pixels(*ImageUtil::LoadFromMemory(bytes.data(), bytes.size(), wname, IImage::RGBA));
+    for (std::size_t n = 1; n < bytes.size(); ++n) {
+      const std::vector<std::uint8_t> prefix(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(n));
+      const std::wstring err =
+          ErrorOf([&] { ImageUtil::LoadFromMemory(prefix.data(), prefix.size(), wname, IImage::RGBA); });
+      if (err.empty()) {
+        EXPECT_GE(n + optionalTail, bytes.size()) << name << " prefix " << n;
+        EXPECT_EQ(Pixels(*ImageUtil::LoadFromMemory(prefix.data(), prefix.size(), wname, IImage::RGBA)), full);
+        continue;
+      }
+      EXPECT_EQ(err, L"Image decompression failed: " + wname) << n;
+    }
+  }
+}
+
+TEST(Load, RefusesHugeClaimsBeforeAllocating) {
+  // A valid PNG header claiming 40000 x 40000 pixels (6.4 GB decoded).
+  auto bytes = ReadAll(DataPath("tiny_rgba.png"));
+  auto put32 = [&](std::size_t at, std::uint32_t v) {
+    for (int i = 0; i < 4; ++i) bytes[at + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (24 - 8 * i));
+  };
+  put32(16, 40000);
+  put32(20, 40000);
+  // Keep the header chunk's CRC valid so the size, not the checksum, is refused.
+  std::uint32_t crc = 0xFFFFFFFFu;
+  for (std::size_t i = 12; i < 29; ++i) {
+    crc ^= bytes[i];
+    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  }
+  put32(29, ~crc);
+  EXPECT_EQ(ErrorOf([&] { ImageUtil::LoadFromMemory(bytes.data(), bytes.size(), L"big.png", IImage::RGBA); }),
+            L"Image decompression failed: big.png");
+}
+
+}  // namespace
+}  // namespace kel

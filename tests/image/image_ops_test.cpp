@@ -1,0 +1,498 @@
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <log4cplus/appender.h>
+#include <log4cplus/spi/loggingevent.h>
+
+#include "image/detail/half_size_lanes.h"
+#include "kel/core/log.h"
+#include "kel/image/image_util.h"
+
+namespace kel {
+namespace {
+
+using Size = ImageUtil::Size;
+
+class RecordingAppender : public log4cplus::Appender {
+public:
+  std::vector<std::string> messages;
+  void close() override {}
+
+protected:
+  void append(const log4cplus::spi::InternalLoggingEvent& e) override { messages.push_back(e.getMessage()); }
+};
+
+// Collects the KEL logger's messages for the lifetime of the object.
+class LogCapture {
+public:
+  LogCapture() : appender_(recorder_ = new RecordingAppender) {
+    Log::getKELLogger().addAppender(appender_);
+    level_ = Log::getKELLogger().getLogLevel();
+    Log::getKELLogger().setLogLevel(log4cplus::TRACE_LOG_LEVEL);
+  }
+  ~LogCapture() {
+    Log::getKELLogger().removeAppender(appender_);
+    Log::getKELLogger().setLogLevel(level_);
+  }
+  const std::vector<std::string>& messages() const { return recorder_->messages; }
+
+private:
+  RecordingAppender* recorder_;
+  log4cplus::SharedAppenderPtr appender_;
+  log4cplus::LogLevel level_;
+};
+
+std::shared_ptr<IImage> MakeImage(std::uint64_t w, std::uint64_t h, IImage::Format f,
+                                  const std::vector<std::uint8_t>& bytes, std::uint64_t levels = 1) {
+  auto img = ImageUtil::CreateImage(w, h, f, levels);
+  EXPECT_EQ(bytes.size(), img->sizeInBytes());
+  std::memcpy(img->lineData(0, 0), bytes.data(), bytes.size());
+  return img;
+}
+
+std::shared_ptr<IImage> RandomImage(std::uint64_t w, std::uint64_t h, IImage::Format f, std::uint32_t seed,
+                                    std::uint64_t levels = 1) {
+  std::mt19937 rng(seed);
+  auto img = ImageUtil::CreateImage(w, h, f, levels);
+  std::uint8_t* p = img->lineData(0, 0);
+  for (std::uint64_t i = 0; i < img->sizeInBytes(); ++i) p[i] = static_cast<std::uint8_t>(rng());
+  return img;
+}
+
+std::vector<std::uint8_t> Bytes(const IImage& img) {
+  const std::uint8_t* p = img.lineData(0, 0);
+  return std::vector<std::uint8_t>(p, p + img.sizeInBytes());
+}
+
+const std::uint8_t* Pixel(const IImage& img, std::uint64_t x, std::uint64_t y, std::uint64_t level = 0) {
+  return img.lineData(y, level) + x * 4;
+}
+
+std::vector<Size> Sizes(Size s, bool stop, bool block) {
+  std::vector<Size> out;
+  EnumerateIntoPushBackContainer<std::vector<Size>> sink(out);
+  ImageUtil::CreateMipmapSizes(sink, s, stop, block);
+  return out;
+}
+
+// --- CreateMipmapSizes -------------------------------------------------------
+
+TEST(CreateMipmapSizes, FollowsTheChainTable) {
+  struct Case {
+    const char* label;
+    Size size;
+    bool stop, block;
+    std::vector<Size> expected;
+  } cases[] = {
+      {"256x64 block", {256, 64}, false, true, {{256, 64}, {128, 32}, {64, 16}, {32, 8}, {16, 4}, {8, 4}, {4, 4}}},
+      {"256x64 block stop", {256, 64}, true, true, {{256, 64}, {128, 32}, {64, 16}, {32, 8}, {16, 4}}},
+      {"5x5 block", {5, 5}, false, true, {{5, 5}, {4, 4}}},
+      {"8x2 pixel", {8, 2}, false, false, {{8, 2}, {4, 1}, {2, 1}, {1, 1}}},
+      {"8x2 pixel stop", {8, 2}, true, false, {{8, 2}, {4, 1}}},
+      {"1x1 pixel", {1, 1}, false, false, {{1, 1}}},
+      {"6x3 block sets 4", {6, 3}, false, true, {{6, 3}, {4, 4}}},
+      {"4x4 block", {4, 4}, false, true, {{4, 4}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    const auto got = Sizes(c.size, c.stop, c.block);
+    ASSERT_EQ(got.size(), c.expected.size());
+    for (std::size_t i = 0; i < got.size(); ++i) {
+      EXPECT_EQ(got[i].width, c.expected[i].width) << i;
+      EXPECT_EQ(got[i].height, c.expected[i].height) << i;
+    }
+  }
+}
+
+TEST(CreateMipmapSizes, StopsWhenTheSinkSaysSo) {
+  struct TakeTwo : IEnumerate<Size> {
+    std::vector<Size> seen;
+    bool push(const Size& s) override {
+      seen.push_back(s);
+      return seen.size() < 2;
+    }
+  } sink;
+  ImageUtil::CreateMipmapSizes(sink, Size{64, 64}, false, false);
+  EXPECT_EQ(sink.seen.size(), 2u);
+}
+
+TEST(CreateMipmapSizes, TerminatesOnDegenerateSizes) {
+  EXPECT_EQ(Sizes({0, 0}, false, false).back(), (Size{1, 1}));
+  EXPECT_EQ(Sizes({0xFFFFFFFFFFFFull, 3}, false, true).back(), (Size{4, 4}));
+}
+
+// --- AdjustImageForCompression -----------------------------------------------
+
+struct RecordingFilter : ImageUtil::IImageResizeFilter {
+  std::vector<Size> calls;
+  std::shared_ptr<IImage> resize(const std::shared_ptr<const IImage>&, const Size& target, bool) override {
+    calls.push_back(target);
+    return ImageUtil::CreateImage(target.width, target.height, IImage::RGBA, 1);
+  }
+};
+
+TEST(AdjustImageForCompression, PadsToPowersOfTwoOfAtLeastFour) {
+  struct Case {
+    std::uint64_t w, h, tw, th;
+  } cases[] = {{300, 2, 512, 4}, {1, 1, 4, 4}, {5, 17, 8, 32}, {64, 4, 64, 4}, {0, 9, 4, 16}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.w << "x" << c.h);
+    auto filter = std::make_shared<RecordingFilter>();
+    auto src = ImageUtil::CreateImage(c.w, c.h, IImage::RGBA, 1);
+    auto out = ImageUtil::AdjustImageForCompression(src, false, filter);
+    ASSERT_TRUE(out);
+    EXPECT_EQ(out->width(), c.tw);
+    EXPECT_EQ(out->height(), c.th);
+    if (c.w == c.tw && c.h == c.th) {
+      EXPECT_EQ(out, src);
+      EXPECT_TRUE(filter->calls.empty());
+    } else {
+      ASSERT_EQ(filter->calls.size(), 1u);
+    }
+  }
+}
+
+TEST(AdjustImageForCompression, ReturnsTheSourceWhenAlreadyFitAndNullForNull) {
+  auto src = RandomImage(256, 256, IImage::RGBA, 1);
+  EXPECT_EQ(ImageUtil::AdjustImageForCompression(src, false, nullptr), src);
+  EXPECT_EQ(ImageUtil::AdjustImageForCompression(nullptr, false, nullptr), nullptr);
+}
+
+TEST(AdjustImageForCompression, UsesResizeWithoutAFilter) {
+  auto src = RandomImage(6, 6, IImage::RGBA, 2);
+  auto out = ImageUtil::AdjustImageForCompression(src, true, nullptr);
+  ASSERT_TRUE(out);
+  EXPECT_EQ(Bytes(*out), Bytes(*ImageUtil::Resize(src, Size{8, 8}, true)));
+}
+
+// --- ComputeAlphaHint --------------------------------------------------------
+
+TEST(ComputeAlphaHint, ClassifiesAlphaTable) {
+  struct Case {
+    const char* label;
+    std::vector<std::uint8_t> alphas;
+    ImageUtil::AlphaHint expected;
+  } cases[] = {
+      {"all opaque", {255, 255, 255, 255}, ImageUtil::AlphaOpaque},
+      {"all clear", {0, 0, 0, 0}, ImageUtil::AlphaTransparent},
+      {"mask", {0, 255, 255, 0}, ImageUtil::AlphaMask},
+      {"blended", {0, 255, 1, 255}, ImageUtil::AlphaBlended},
+      {"blended first", {128, 128, 128, 128}, ImageUtil::AlphaBlended},
+  };
+  for (IImage::Format f : {IImage::RGBA, IImage::BGRA})
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c.label);
+      auto img = ImageUtil::CreateImage(2, 2, f, 1);
+      for (int i = 0; i < 4; ++i) {
+        std::uint8_t* p = img->lineData(static_cast<std::uint64_t>(i / 2), 0) + (i % 2) * 4;
+        p[0] = p[1] = p[2] = 7;
+        p[3] = c.alphas[static_cast<std::size_t>(i)];
+      }
+      EXPECT_EQ(ImageUtil::ComputeAlphaHint(*img), c.expected);
+    }
+}
+
+TEST(ComputeAlphaHint, FormatsAndEmptyImages) {
+  EXPECT_EQ(ImageUtil::ComputeAlphaHint(*ImageUtil::CreateImage(8, 8, IImage::DXT1, 1)), ImageUtil::AlphaOpaque);
+  EXPECT_EQ(ImageUtil::ComputeAlphaHint(*ImageUtil::CreateImage(8, 8, IImage::DXT5, 1)), ImageUtil::AlphaUnknown);
+  EXPECT_EQ(ImageUtil::ComputeAlphaHint(*ImageUtil::CreateImage(8, 8, IImage::Float32, 1)),
+            ImageUtil::AlphaUnknown);
+  EXPECT_EQ(ImageUtil::ComputeAlphaHint(*ImageUtil::CreateImage(8, 0, IImage::RGBA, 1)),
+            ImageUtil::AlphaTransparent);
+}
+
+// --- PreMultiplyAlpha, AverageColor -------------------------------------------
+
+TEST(PreMultiplyAlpha, ScalesColourBytesByAlphaOnEveryLevel) {
+  auto img = MakeImage(2, 2, IImage::RGBA,
+                       {200, 100, 50, 128, 10, 20, 30, 255, 9, 9, 9, 0, 255, 255, 255, 1,  // level 0
+                        200, 100, 50, 128},                                                  // level 1
+                       2);
+  ImageUtil::PreMultiplyAlpha(*img);
+  EXPECT_EQ(Bytes(*img), (std::vector<std::uint8_t>{100, 50, 25, 128, 10, 20, 30, 255, 0, 0, 0, 0, 1, 1, 1, 1,
+                                                    100, 50, 25, 128}));
+}
+
+TEST(PreMultiplyAlpha, StaysInsideTinyLevels) {
+  // 4x1 with 3 levels stores 16 + 4 + 1 bytes; level 2 has no whole pixel.
+  auto img = RandomImage(4, 1, IImage::RGBA, 3, 3);
+  ImageUtil::PreMultiplyAlpha(*img);  // ASan would object to any overrun
+  SUCCEED();
+}
+
+TEST(AverageColor, CompressedAndOddFormatsGiveGrey) {
+  const Vec<4, unsigned int> grey(180u, 180u, 180u, 255u);
+  EXPECT_EQ(ImageUtil::AverageColor(ImageUtil::CreateImage(8, 8, IImage::DXT1, 1)), grey);
+  EXPECT_EQ(ImageUtil::AverageColor(ImageUtil::CreateImage(8, 8, IImage::Unknown, 1)), grey);
+  EXPECT_EQ(ImageUtil::AverageColor(nullptr), grey);
+}
+
+TEST(AverageColor, MeansTheSmallestLevel) {
+  EXPECT_EQ(ImageUtil::AverageColor(MakeImage(1, 1, IImage::RGBA, {1, 2, 3, 4})), (Vec<4, unsigned int>(1u, 2u, 3u, 4u)));
+  std::vector<std::uint8_t> bytes(4 * 4 * 4, 0);  // level 0 is ignored
+  for (std::uint8_t v : {10, 20, 30, 41, 11, 21, 31, 40, 12, 22, 32, 40, 13, 23, 33, 40}) bytes.push_back(v);
+  EXPECT_EQ(ImageUtil::AverageColor(MakeImage(4, 4, IImage::RGBA, bytes, 2)),
+            (Vec<4, unsigned int>(11u, 21u, 31u, 40u)));
+}
+
+// --- Resize: fast half-size path ---------------------------------------------
+
+TEST(ResizeFastPath, PairsColumnsZeroAndTwo) {
+  auto src = RandomImage(16, 16, IImage::RGBA, 4);
+  auto dst = ImageUtil::Resize(src, Size{8, 8}, false);
+  ASSERT_TRUE(dst);
+  ASSERT_EQ(dst->width(), 8u);
+  ASSERT_EQ(dst->mipLevels(), 1u);
+  static const int kFirst[4] = {0, 1, 4, 5};
+  for (std::uint64_t y = 0; y < 8; ++y)
+    for (std::uint64_t x = 0; x < 8; ++x) {
+      const std::uint64_t sx = (x / 4) * 8 + static_cast<std::uint64_t>(kFirst[x % 4]);
+      for (int c = 0; c < 4; ++c) {
+        const int sum = Pixel(*src, sx, 2 * y)[c] + Pixel(*src, sx + 2, 2 * y)[c] + Pixel(*src, sx, 2 * y + 1)[c] +
+                        Pixel(*src, sx + 2, 2 * y + 1)[c];
+        ASSERT_EQ(Pixel(*dst, x, y)[c], (sum + 2) >> 2) << x << "," << y << " channel " << c;
+      }
+    }
+}
+
+TEST(ResizeFastPath, RoundsHalvesUp) {
+  // Columns 0 and 2 of both rows: 1 + 2 + 0 + 0 = 3 -> (3 + 2) >> 2 = 1.
+  auto src = ImageUtil::CreateImage(8, 6, IImage::BGRA, 1);
+  std::memset(src->lineData(0, 0), 0, src->sizeInBytes());
+  src->lineData(0, 0)[0] = 1;
+  src->lineData(0, 0)[8] = 2;
+  auto dst = ImageUtil::Resize(src, Size{4, 3}, false);
+  EXPECT_EQ(dst->format(), IImage::BGRA);
+  EXPECT_EQ(dst->lineData(0, 0)[0], 1);
+}
+
+TEST(ResizeFastPath, SimdKernelMatchesScalarOnRandomRows) {
+  std::mt19937 rng(5);
+  for (std::size_t groups : {1u, 2u, 7u, 64u}) {
+    std::vector<std::uint8_t> a(groups * 32), b(groups * 32);
+    for (auto& v : a) v = static_cast<std::uint8_t>(rng());
+    for (auto& v : b) v = static_cast<std::uint8_t>(rng());
+    alignas(16) std::uint8_t scalar[64 * 16], vec[64 * 16], streamed[64 * 16];
+    detail::HalveRowScalar(a.data(), b.data(), scalar, groups);
+#if KEL_HALF_SIZE_SSE2
+    detail::HalveRowSse2(a.data(), b.data(), vec, groups, false);
+    detail::HalveRowSse2(a.data(), b.data(), streamed, groups, true);
+    detail::HalveRowsDone();
+#else
+    detail::HalveRowScalar(a.data(), b.data(), vec, groups);
+    std::memcpy(streamed, vec, groups * 16);
+#endif
+    EXPECT_EQ(std::memcmp(scalar, vec, groups * 16), 0) << groups;
+    EXPECT_EQ(std::memcmp(scalar, streamed, groups * 16), 0) << groups;
+  }
+}
+
+TEST(ResizeFastPath, NotTakenWhenExactOrIneligible) {
+  // 8x8 with exact: general path blends adjacent columns 0 and 1.
+  auto src = ImageUtil::CreateImage(8, 8, IImage::RGBA, 1);
+  for (std::uint64_t y = 0; y < 8; ++y)
+    for (std::uint64_t x = 0; x < 8; ++x) {
+      std::uint8_t* p = src->lineData(y, 0) + x * 4;
+      p[0] = static_cast<std::uint8_t>(x * 10);
+      p[1] = p[2] = 0;
+      p[3] = 255;
+    }
+  EXPECT_EQ(ImageUtil::Resize(src, Size{4, 4}, true)->lineData(0, 0)[0], 5);   // (0 + 10) / 2
+  EXPECT_EQ(ImageUtil::Resize(src, Size{4, 4}, false)->lineData(0, 0)[0], 10);  // (0 + 20) / 2
+}
+
+// --- Resize: general path ----------------------------------------------------
+
+TEST(ResizeGeneralPath, HandComputedBlends) {
+  struct Case {
+    const char* label;
+    std::vector<std::uint8_t> src;  // 2x1
+    std::vector<std::uint8_t> expected;  // 1x1
+  } cases[] = {
+      {"opaque mean", {100, 0, 0, 255, 0, 200, 0, 255}, {50, 100, 0, 255}},
+      {"transparent neighbour ignored", {100, 0, 0, 255, 0, 200, 0, 0}, {100, 0, 0, 127}},
+      {"both transparent give zero", {100, 50, 25, 0, 9, 9, 9, 0}, {0, 0, 0, 0}},
+      {"alpha weighted", {0, 0, 0, 51, 255, 255, 255, 204}, {204, 204, 204, 127}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    auto out = ImageUtil::Resize(MakeImage(2, 1, IImage::RGBA, c.src), Size{1, 1}, false);
+    ASSERT_TRUE(out);
+    EXPECT_EQ(Bytes(*out), c.expected);
+  }
+}
+
+TEST(ResizeGeneralPath, UniformAreasKeepTheirValue) {
+  auto src = ImageUtil::CreateImage(7, 5, IImage::RGBA, 1);
+  ImageUtil::Clear(src, 0xFF3264C8u);
+  auto out = ImageUtil::Resize(src, Size{13, 3}, false);
+  for (std::uint64_t y = 0; y < 3; ++y)
+    for (std::uint64_t x = 0; x < 13; ++x)
+      EXPECT_EQ(std::memcmp(Pixel(*out, x, y), src->lineData(0, 0), 4), 0) << x << "," << y;
+}
+
+TEST(ResizeGeneralPath, BlendsFloatsDirectly) {
+  auto src = ImageUtil::CreateImage(2, 1, IImage::Float32, 1);
+  const float in[2] = {0.0f, 8.0f};
+  std::memcpy(src->lineData(0, 0), in, 8);
+  auto out = ImageUtil::Resize(src, Size{4, 1}, false);  // Float32 never takes the fast path
+  float got[4];
+  std::memcpy(got, out->lineData(0, 0), 16);
+  EXPECT_EQ(got[0], 0.0f);
+  EXPECT_EQ(got[1], 2.0f);
+  EXPECT_EQ(got[2], 6.0f);
+  EXPECT_EQ(got[3], 8.0f);
+
+  auto square = ImageUtil::CreateImage(16, 16, IImage::Float32, 1);
+  ImageUtil::Clear(square, 2.5f);
+  auto half = ImageUtil::Resize(square, Size{8, 8}, false);
+  float v;
+  std::memcpy(&v, half->lineData(7, 0) + 28, 4);
+  EXPECT_EQ(v, 2.5f);
+}
+
+TEST(Resize, SameSizeReturnsTheSourceAndBadInputIsRefused) {
+  auto src = RandomImage(4, 4, IImage::RGBA, 6);
+  EXPECT_EQ(ImageUtil::Resize(src, Size{4, 4}, false), src);
+  EXPECT_EQ(ImageUtil::Resize(nullptr, Size{4, 4}, false), nullptr);
+  LogCapture log;
+  EXPECT_EQ(ImageUtil::Resize(ImageUtil::CreateImage(8, 8, IImage::DXT1, 1), Size{4, 4}, false), nullptr);
+  EXPECT_EQ(ImageUtil::Resize(src, Size{0xFFFFFFFFu, 4}, false), nullptr);  // -1 as a signed width
+  EXPECT_EQ(ImageUtil::Resize(ImageUtil::CreateImage(0, 4, IImage::RGBA, 1), Size{2, 2}, false), nullptr);
+  EXPECT_EQ(log.messages().size(), 3u);
+  auto empty = ImageUtil::Resize(src, Size{0, 3}, false);
+  ASSERT_TRUE(empty);
+  EXPECT_EQ(empty->width(), 0u);
+}
+
+// --- Swizzle, Clear, ClearAlpha -----------------------------------------------
+
+TEST(SwizzleRBChannels, ExchangesBytesZeroAndTwoOnEveryLevel) {
+  auto src = RandomImage(8, 4, IImage::RGBA, 7, 3);
+  auto out = ImageUtil::SwizzleRBChannels(src);
+  ASSERT_TRUE(out);
+  EXPECT_EQ(out->mipLevels(), 3u);
+  EXPECT_EQ(out->format(), IImage::RGBA);
+  const auto a = Bytes(*src), b = Bytes(*out);
+  for (std::size_t i = 0; i < a.size(); i += 4) {
+    EXPECT_EQ(b[i], a[i + 2]);
+    EXPECT_EQ(b[i + 1], a[i + 1]);
+    EXPECT_EQ(b[i + 2], a[i]);
+    EXPECT_EQ(b[i + 3], a[i + 3]);
+  }
+  EXPECT_EQ(Bytes(*ImageUtil::SwizzleRBChannels(out)), a);
+}
+
+TEST(SwizzleRBChannels, RefusesCompressedImages) {
+  LogCapture log;
+  EXPECT_EQ(ImageUtil::SwizzleRBChannels(ImageUtil::CreateImage(8, 8, IImage::DXT5, 1)), nullptr);
+  ASSERT_EQ(log.messages().size(), 1u);
+  EXPECT_EQ(log.messages()[0], "Channel swizzling is only supported for uncompressed images");
+  EXPECT_EQ(ImageUtil::SwizzleRBChannels(nullptr), nullptr);
+}
+
+TEST(Clear, FillsEveryLevelOrWarns) {
+  auto img = ImageUtil::CreateImage(4, 4, IImage::BGRA, 3);
+  EXPECT_TRUE(ImageUtil::Clear(img, 0x04030201u));
+  const auto bytes = Bytes(*img);
+  for (std::size_t i = 0; i < bytes.size(); ++i) EXPECT_EQ(bytes[i], i % 4 + 1);
+  EXPECT_TRUE(ImageUtil::ClearAlpha(img, 9));
+  EXPECT_EQ(Bytes(*img)[bytes.size() - 1], 9);
+  EXPECT_EQ(Bytes(*img)[bytes.size() - 2], 3);
+
+  auto floats = ImageUtil::CreateImage(3, 3, IImage::Float32, 1);
+  EXPECT_TRUE(ImageUtil::Clear(floats, -1.5f));
+  float v;
+  std::memcpy(&v, floats->lineData(2, 0) + 8, 4);
+  EXPECT_EQ(v, -1.5f);
+
+  LogCapture log;
+  EXPECT_FALSE(ImageUtil::Clear(floats, 1u));
+  EXPECT_FALSE(ImageUtil::Clear(img, 1.0f));
+  EXPECT_FALSE(ImageUtil::Clear(std::shared_ptr<IImage>(), 1u));
+  EXPECT_FALSE(ImageUtil::ClearAlpha(floats, 1));
+  EXPECT_FALSE(ImageUtil::ClearAlpha(nullptr, 1));
+  ASSERT_EQ(log.messages().size(), 5u);
+  EXPECT_EQ(log.messages()[0], "Clear image failed. Image is null or has inappropriate format");
+  EXPECT_EQ(log.messages()[4], "ClearAlpha failed: image is null or has inappropriate format");
+}
+
+// --- CreateHalo ----------------------------------------------------------------
+
+TEST(CreateHalo, GlowFadesWithDistanceUnderTheOriginal) {
+  auto src = ImageUtil::CreateImage(9, 9, IImage::RGBA, 1);
+  ImageUtil::Clear(src, 0u);
+  std::uint8_t* centre = src->lineData(4, 0) + 16;
+  centre[0] = 10, centre[1] = 20, centre[2] = 30, centre[3] = 255;
+  auto halo = ImageUtil::CreateHalo(src, 2, Color4B{255, 255, 0, 255}, IImage::RGBA);
+  ASSERT_TRUE(halo);
+  EXPECT_EQ(std::memcmp(Pixel(*halo, 4, 4), centre, 4), 0);  // original on top
+  const std::uint8_t* near = Pixel(*halo, 5, 4);               // distance 1 of reach 3
+  EXPECT_EQ(near[0], 255);
+  EXPECT_EQ(near[1], 255);
+  EXPECT_EQ(near[2], 0);
+  EXPECT_EQ(near[3], 170);
+  EXPECT_LT(Pixel(*halo, 6, 5)[3], near[3]);  // sqrt(5) away: fainter
+  EXPECT_EQ(Pixel(*halo, 7, 4)[3], 0);        // beyond the radius
+  EXPECT_EQ(Pixel(*halo, 0, 0)[3], 0);
+
+  auto bgra = ImageUtil::CreateHalo(src, 2, Color4B{255, 255, 0, 255}, IImage::BGRA);
+  EXPECT_EQ(bgra->format(), IImage::BGRA);
+  EXPECT_EQ(Pixel(*bgra, 5, 4)[2], 255);
+  EXPECT_EQ(Pixel(*bgra, 5, 4)[0], 0);
+  EXPECT_EQ(ImageUtil::CreateHalo(nullptr, 2, Color4B{}, IImage::RGBA), nullptr);
+}
+
+TEST(CreateHalo, ZeroRadiusCopiesAndNoOpaquePixelsGiveNothing) {
+  auto src = RandomImage(5, 3, IImage::RGBA, 8);
+  for (std::uint64_t y = 0; y < 3; ++y)
+    for (std::uint64_t x = 0; x < 5; ++x) src->lineData(y, 0)[x * 4 + 3] = 255;
+  EXPECT_EQ(Bytes(*ImageUtil::CreateHalo(src, 0, Color4B{1, 2, 3, 255}, IImage::RGBA)), Bytes(*src));
+  ImageUtil::ClearAlpha(src, 0);
+  const auto out = Bytes(*ImageUtil::CreateHalo(src, 3, Color4B{1, 2, 3, 255}, IImage::RGBA));
+  EXPECT_EQ(out, std::vector<std::uint8_t>(out.size(), 0));
+}
+
+// --- Mip chains ------------------------------------------------------------------
+
+TEST(CreateMipmaps, StacksHalvedLevelsInOneImage) {
+  auto src = RandomImage(16, 16, IImage::RGBA, 9);
+  auto mips = ImageUtil::CreateMipmaps(src, IImage::RGBA, false, nullptr);
+  ASSERT_TRUE(mips);
+  EXPECT_EQ(mips->mipLevels(), 5u);  // 16, 8, 4, 2, 1
+  auto level1 = ImageUtil::Resize(src, Size{8, 8}, false);
+  EXPECT_EQ(std::memcmp(mips->lineData(0, 1), level1->lineData(0, 0), level1->sizeInBytes()), 0);
+  auto level2 = ImageUtil::Resize(level1, Size{4, 4}, false);
+  EXPECT_EQ(std::memcmp(mips->lineData(0, 2), level2->lineData(0, 0), level2->sizeInBytes()), 0);
+  EXPECT_EQ(std::memcmp(mips->lineData(0, 0), src->lineData(0, 0), src->sizeInBytes()), 0);
+}
+
+TEST(CreateMipmaps, StopsAtTheFirstMinimumAndConverts) {
+  auto src = RandomImage(8, 2, IImage::RGBA, 10);
+  auto mips = ImageUtil::CreateMipmaps(src, IImage::BGRA, false, nullptr);
+  ASSERT_TRUE(mips);
+  EXPECT_EQ(mips->format(), IImage::BGRA);
+  EXPECT_EQ(mips->mipLevels(), 2u);  // 8x2, 4x1
+  EXPECT_EQ(mips->lineData(0, 0)[0], src->lineData(0, 0)[2]);
+  // Odd sizes do not halve exactly: only level 0 fits the quarter layout.
+  EXPECT_EQ(ImageUtil::CreateMipmaps(RandomImage(6, 3, IImage::RGBA, 11), IImage::RGBA, false, nullptr)->mipLevels(),
+            1u);
+}
+
+TEST(CreateMipmapSequence, EmitsEveryLevelAsItsOwnImage) {
+  std::vector<std::shared_ptr<IImage>> out{ImageUtil::CreateImage(1, 1, IImage::RGBA, 1)};
+  auto filter = std::make_shared<RecordingFilter>();
+  ImageUtil::CreateMipmapSequence(out, RandomImage(8, 2, IImage::RGBA, 12), IImage::RGBA, false, filter);
+  ASSERT_EQ(out.size(), 4u);
+  EXPECT_EQ(out[3]->width(), 1u);
+  EXPECT_EQ(out[3]->height(), 1u);
+  EXPECT_EQ(filter->calls.size(), 3u);
+  ImageUtil::CreateMipmapSequence(out, nullptr, IImage::RGBA, false, nullptr);
+  EXPECT_TRUE(out.empty());
+}
+
+}  // namespace
+}  // namespace kel
