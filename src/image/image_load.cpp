@@ -21,9 +21,7 @@
 #include "detail/image_convert.h"
 #include "kel/core/path.h"
 #include "kel/core/wexception.h"
-#if __has_include("kel/image/dds.h")
 #include "kel/image/dds.h"
-#endif
 #include "kel/image/image_util.h"
 
 namespace kel {
@@ -172,9 +170,7 @@ std::shared_ptr<IImage> Decode(const std::uint8_t* data, std::size_t size, const
     case Kind::Jpeg: image = DecodeJpeg(data, size, name); break;
     case Kind::Dds:
       CheckDdsFits(data, size, name);
-#if __has_include("kel/image/dds.h")
       image = DDSFileUtil::LoadTextureFromBuffer(data, size);
-#endif
       if (!image) Fail(L"Image decompression failed: ", name);
       break;
     case Kind::Unsupported: Fail(L"Unsupported file extension: ", name);

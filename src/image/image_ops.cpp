@@ -184,11 +184,7 @@ std::shared_ptr<IImage> detail::ConvertImage(const std::shared_ptr<const IImage>
   // Swizzled here rather than through SwizzleRBChannels, which keeps the
   // source's format label.
   if (IsFourBytePixel(src->format()) && IsFourBytePixel(format)) return SwizzleInto(*src, format);
-#if __has_include("kel/image/dds.h")
   return ImageUtil::ForceFormat(src, format);
-#else
-  return nullptr;
-#endif
 }
 
 void ImageUtil::CreateMipmapSizes(IEnumerate<Size>& sink, const Size& size, bool stopAtFirstMinimum,

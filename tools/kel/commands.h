@@ -5,3 +5,4 @@
 #include <vector>
 
 int RunTileCommand(const std::vector<std::string>& words);
+int RunTextureCommand(const std::vector<std::string>& words);

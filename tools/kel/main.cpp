@@ -19,6 +19,7 @@ struct Group {
 
 const Group kGroups[] = {
     {"tile", "quadtree tile addressing and index ranges", &RunTileCommand},
+    {"texture", "DDS textures: convert pictures, look at textures", &RunTextureCommand},
 };
 
 void PrintHelp() {
