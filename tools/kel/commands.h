@@ -10,3 +10,4 @@ int RunCacheCommand(const std::vector<std::string>& words);
 int RunPickCommand(const std::vector<std::string>& words);
 int RunBvhCommand(const std::vector<std::string>& words);
 int RunDdsCommand(const std::vector<std::string>& words);
+int RunTextureCommand(const std::vector<std::string>& words);

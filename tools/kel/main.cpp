@@ -24,6 +24,7 @@ const Group kGroups[] = {
     {"pick", "heights and ray hits on a tile file (kel pick TILE X Y)", &RunPickCommand},
     {"bvh", "the triangle tree of a tile file", &RunBvhCommand},
     {"dds", "DDS texture files: header, format, alpha", &RunDdsCommand},
+    {"texture", "DDS textures: convert pictures, look at textures", &RunTextureCommand},
 };
 
 void PrintHelp() {
