@@ -11,3 +11,4 @@ int RunPickCommand(const std::vector<std::string>& words);
 int RunBvhCommand(const std::vector<std::string>& words);
 int RunDdsCommand(const std::vector<std::string>& words);
 int RunTextureCommand(const std::vector<std::string>& words);
+int RunDemoCommand(const std::vector<std::string>& words);

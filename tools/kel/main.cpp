@@ -25,6 +25,7 @@ const Group kGroups[] = {
     {"bvh", "the triangle tree of a tile file", &RunBvhCommand},
     {"dds", "DDS texture files: header, format, alpha", &RunDdsCommand},
     {"texture", "DDS textures: convert pictures, look at textures", &RunTextureCommand},
+    {"demo", "the whole pipeline on a built-in example city", &RunDemoCommand},
 };
 
 void PrintHelp() {
