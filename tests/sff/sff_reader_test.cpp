@@ -368,7 +368,7 @@ TEST(SffReader, RandomRecordSequencesRoundTrip) {
           case 3: {
             std::vector<std::uint32_t> v(rng() % 50);
             std::string s = "integers";
-            for (auto& x : v) x = rng() >> (rng() % 32), s += " " + std::to_string(x);
+            for (auto& x : v) x = rng() >> (rng() % 32), s.append(" ").append(std::to_string(x));
             w.writeIntegers(v.data(), v.size());
             expected.push_back(s);
             break;

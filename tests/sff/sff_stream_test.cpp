@@ -202,3 +202,31 @@ TEST(ZlibStreams, FinishCompletesTheStreamOnceAndDropsLaterWrites) {
 
 }  // namespace
 }  // namespace kel
+
+namespace kel {
+namespace {
+
+// Long runs compress to a few bytes that zlib may take in before the output
+// they expand to has been written; the tail must still come out after the
+// source is dry.
+TEST(ZlibStreams, PendingOutputAfterTheLastInputIsNotLost) {
+  for (const std::size_t size : {std::size_t{1} << 16, std::size_t{3} << 20}) {
+    const Bytes zeros(size, 0);
+    sff_buff_os sink;
+    {
+      deflating_output_stream z(sink, 9);
+      z.write(zeros.data(), zeros.size());
+    }
+    for (const std::size_t step : {std::size_t{1000}, std::size_t{65536}, size}) {
+      sff_buff_is src(sink.bytes().data(), sink.bytes().size());
+      inflating_input_stream in(src);
+      Bytes chunk(step);
+      std::size_t total = 0, n;
+      while ((n = in.read(chunk.data(), step)) > 0) total += n;
+      EXPECT_EQ(total, size) << size << " " << step;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace kel

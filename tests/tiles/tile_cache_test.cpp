@@ -24,6 +24,7 @@ using Folders = TileCacheFileUtil::CacheFolderUtil;
 class RecordingAppender : public log4cplus::Appender {
 public:
   std::vector<std::string> messages;
+  ~RecordingAppender() override { destructorImpl(); }
   void close() override {}
 
 protected:

@@ -5,5 +5,7 @@
 #include <vector>
 
 int RunTileCommand(const std::vector<std::string>& words);
+int RunSffCommand(const std::vector<std::string>& words);
+int RunCacheCommand(const std::vector<std::string>& words);
 int RunPickCommand(const std::vector<std::string>& words);
 int RunBvhCommand(const std::vector<std::string>& words);

@@ -19,6 +19,8 @@ struct Group {
 
 const Group kGroups[] = {
     {"tile", "quadtree tile addressing and index ranges", &RunTileCommand},
+    {"sff", "SFF scene files: dump, pack, unpack", &RunSffCommand},
+    {"cache", "tile cache file names and states", &RunCacheCommand},
     {"pick", "heights and ray hits on a tile file (kel pick TILE X Y)", &RunPickCommand},
     {"bvh", "the triangle tree of a tile file", &RunBvhCommand},
 };
