@@ -240,11 +240,6 @@ struct Entry {
   float dist;
 };
 
-// A waiting node's children are fetched while the nearer side is walked.
-inline void Prefetch(const node* nodes, const node& waiting) {
-  if (waiting.count == 0) __builtin_prefetch(nodes + waiting.first);
-}
-
 inline bool BoxHit(const node& n, Lane4 origin, Lane4 inv, float& tNear) {
   return SlabTest(ClearW(Load(&n.minX)), ClearW(Load(&n.maxX)), origin, inv, tNear);
 }
@@ -292,12 +287,10 @@ void bvh::intersectGeneral(hit& io, const ray& r, bvh_primitive_intersector& x) 
           if (sp == kStackSize) return;  // only a hand-made tree gets here
           if (tl > tr) {
             stack[sp++] = Entry{n.first, tl};
-            Prefetch(nd, nd[n.first]);
             ni = n.first + 1;
             dist = tr;
           } else {
             stack[sp++] = Entry{n.first + 1, tr};
-            Prefetch(nd, nd[n.first + 1]);
             ni = n.first;
             dist = tl;
           }
@@ -355,12 +348,10 @@ void bvh::intersectVertical(hit& io, const ray& r, bvh_primitive_intersector& x)
           const float dl = distance(l), dr = distance(rr);
           if (dl > dr) {
             stack[sp++] = Entry{n.first, dl};
-            Prefetch(nd, l);
             ni = n.first + 1;
             dist = dr;
           } else {
             stack[sp++] = Entry{n.first + 1, dr};
-            Prefetch(nd, rr);
             ni = n.first;
             dist = dl;
           }
