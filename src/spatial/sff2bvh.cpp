@@ -82,6 +82,10 @@ public:
     const std::uint32_t k = std::uint32_t(vertices_->size() / 3) - baseVertex_;
     std::uint32_t* out = indices_->extend(k);
     for (std::uint32_t i = 0; i < k; ++i) out[i] = i;
+    // Once per mesh: "C" nodes nested around it must not append the list
+    // again, or a small hostile file could multiply its vertices into
+    // gigabytes of indices.
+    indicesSeen_ = 1;
   }
 
   void positions(const void* data, std::size_t count) override {

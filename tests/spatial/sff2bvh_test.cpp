@@ -173,6 +173,20 @@ TEST(Sff2Bvh, IndicesMayNameVerticesOfLaterMeshes) {
   EXPECT_EQ(Down(tile, 10.5f, 0.5f).primitive, 0u);
 }
 
+TEST(Sff2Bvh, NestedMeshNodesAppendTheImplicitListOnce) {
+  sff_buff_os out;
+  {
+    sff_writer w(out, false);
+    for (int i = 0; i < 50; ++i) w.beginC(std::uint64_t(i));
+    const auto t = Tri(0, 0, 1);
+    w.writePositions(t.data(), 3);
+    for (int i = 0; i < 50; ++i) w.end();
+  }
+  const SFF2BVH tile = Load(out.bytes());
+  ASSERT_TRUE(tile.valid());
+  EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 1);
+}
+
 TEST(Sff2Bvh, FilesWithoutTrianglesAreInvalid) {
   struct Case {
     const char* label;

@@ -10,7 +10,9 @@
 //
 // Safe on hostile files: nothing throws. An unreadable file leaves the
 // object invalid (the reader's message is logged as an error); triangles
-// whose indices lie outside the soup are dropped with one warning per file.
+// whose indices lie outside the soup are dropped with one warning per file;
+// memory stays proportional to the file (a mesh's implicit triangle list is
+// appended once, also when "C" nodes nest around it).
 #pragma once
 
 #include <memory>
