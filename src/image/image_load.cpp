@@ -21,9 +21,7 @@
 #include "detail/image_convert.h"
 #include "kel/core/path.h"
 #include "kel/core/wexception.h"
-#if __has_include("kel/image/dds.h")
 #include "kel/image/dds.h"
-#endif
 #include "kel/image/image_util.h"
 
 namespace kel {
@@ -89,10 +87,12 @@ struct JpegError {
 
 void JpegErrorExit(j_common_ptr info) { std::longjmp(reinterpret_cast<JpegError*>(info->err)->jump, 1); }
 
-// Warnings are silent, except running out of data: libjpeg would pad the
-// image with grey, which lets a few bytes claim a huge picture.
+// Warnings are silent, except running out of entropy data (the stream ends,
+// or a marker cuts a segment short): libjpeg would pad the rest of the
+// picture with grey, so a few hundred bytes could claim a gigabyte image.
 void JpegEmitMessage(j_common_ptr info, int level) {
-  if (level < 0 && info->err->msg_code == JWRN_JPEG_EOF) JpegErrorExit(info);
+  const int code = info->err->msg_code;
+  if (level < 0 && (code == JWRN_JPEG_EOF || code == JWRN_HIT_MARKER)) JpegErrorExit(info);
 }
 
 void JpegOutputMessage(j_common_ptr) {}
@@ -172,9 +172,7 @@ std::shared_ptr<IImage> Decode(const std::uint8_t* data, std::size_t size, const
     case Kind::Jpeg: image = DecodeJpeg(data, size, name); break;
     case Kind::Dds:
       CheckDdsFits(data, size, name);
-#if __has_include("kel/image/dds.h")
       image = DDSFileUtil::LoadTextureFromBuffer(data, size);
-#endif
       if (!image) Fail(L"Image decompression failed: ", name);
       break;
     case Kind::Unsupported: Fail(L"Unsupported file extension: ", name);

@@ -184,11 +184,7 @@ std::shared_ptr<IImage> detail::ConvertImage(const std::shared_ptr<const IImage>
   // Swizzled here rather than through SwizzleRBChannels, which keeps the
   // source's format label.
   if (IsFourBytePixel(src->format()) && IsFourBytePixel(format)) return SwizzleInto(*src, format);
-#if __has_include("kel/image/dds.h")
   return ImageUtil::ForceFormat(src, format);
-#else
-  return nullptr;
-#endif
 }
 
 void ImageUtil::CreateMipmapSizes(IEnumerate<Size>& sink, const Size& size, bool stopAtFirstMinimum,
@@ -244,6 +240,10 @@ std::shared_ptr<IImage> ImageUtil::Resize(const std::shared_ptr<const IImage>& s
   }
   auto dst = CreateImage(static_cast<std::uint64_t>(dw), static_cast<std::uint64_t>(dh), f, 1);
   if (dw == 0 || dh == 0) return dst;
+  if (dst->lineData(0, 0) == nullptr) {
+    KEL_LOG_WARN(L"Resize failed: out of memory for the target image");
+    return nullptr;
+  }
   if (sw % 8 == 0 && dw == sw / 2 && dh == sh / 2 && sw >= 5 && sh >= 5 && !exact && f != IImage::Float32)
     HalfSize(*src, *dst);
   else

@@ -19,6 +19,7 @@ using Size = ImageUtil::Size;
 class RecordingAppender : public log4cplus::Appender {
 public:
   std::vector<std::string> messages;
+  ~RecordingAppender() override { destructorImpl(); }
   void close() override {}
 
 protected:
@@ -482,6 +483,21 @@ TEST(CreateMipmaps, StopsAtTheFirstMinimumAndConverts) {
             1u);
 }
 
+TEST(CreateMipmaps, CompressesEveryLevelDownToTheFirstBlockMinimum) {
+  auto src = RandomImage(32, 8, IImage::RGBA, 13);
+  auto mips = ImageUtil::CreateMipmaps(src, IImage::DXT1, false, nullptr);
+  ASSERT_TRUE(mips);
+  EXPECT_EQ(mips->format(), IImage::DXT1);
+  EXPECT_EQ(mips->mipLevels(), 2u);  // 32x8, 16x4
+  auto level1 = ImageUtil::CompressImage(ImageUtil::Resize(src, Size{16, 4}, false), IImage::DXT1);
+  EXPECT_EQ(std::memcmp(mips->lineData(0, 1), level1->lineData(0, 0), level1->sizeInBytes()), 0);
+  // A DXT source is decoded first; Float32 cannot become DXT.
+  EXPECT_EQ(ImageUtil::CreateMipmaps(mips, IImage::RGBA, false, nullptr)->mipLevels(), 4u);  // down to 4x1
+  LogCapture log;
+  EXPECT_EQ(ImageUtil::CreateMipmaps(ImageUtil::CreateImage(8, 8, IImage::Float32, 1), IImage::DXT1, false, nullptr),
+            nullptr);
+}
+
 TEST(CreateMipmapSequence, EmitsEveryLevelAsItsOwnImage) {
   std::vector<std::shared_ptr<IImage>> out{ImageUtil::CreateImage(1, 1, IImage::RGBA, 1)};
   auto filter = std::make_shared<RecordingFilter>();
@@ -492,6 +508,11 @@ TEST(CreateMipmapSequence, EmitsEveryLevelAsItsOwnImage) {
   EXPECT_EQ(filter->calls.size(), 3u);
   ImageUtil::CreateMipmapSequence(out, nullptr, IImage::RGBA, false, nullptr);
   EXPECT_TRUE(out.empty());
+  ImageUtil::CreateMipmapSequence(out, RandomImage(16, 4, IImage::RGBA, 14), IImage::DXT5, false, nullptr);
+  ASSERT_EQ(out.size(), 3u);  // 16x4, 8x4, 4x4: block sizes never drop below 4
+  EXPECT_EQ(out[1]->width(), 8u);
+  EXPECT_EQ(out[1]->height(), 4u);
+  EXPECT_EQ(out[2]->format(), IImage::DXT5);
 }
 
 }  // namespace

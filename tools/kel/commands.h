@@ -6,3 +6,4 @@
 
 int RunTileCommand(const std::vector<std::string>& words);
 int RunDdsCommand(const std::vector<std::string>& words);
+int RunTextureCommand(const std::vector<std::string>& words);

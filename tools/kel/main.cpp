@@ -20,6 +20,7 @@ struct Group {
 const Group kGroups[] = {
     {"tile", "quadtree tile addressing and index ranges", &RunTileCommand},
     {"dds", "DDS texture files: header, format, alpha", &RunDdsCommand},
+    {"texture", "DDS textures: convert pictures, look at textures", &RunTextureCommand},
 };
 
 void PrintHelp() {

@@ -66,6 +66,10 @@ public:
   // --- Sizes, resizing, mip chains -------------------------------------------
   static void CreateMipmapSizes(IEnumerate<Size>& sink, const Size& size, bool stopAtFirstMinimum,
                                 bool blockMinimum);
+  // src itself for its own size; the fast half-size path for width % 8 == 0
+  // and an exact half (unless `exact`); otherwise alpha-weighted bilinear
+  // (alpha itself blended plainly). Null with a warning for compressed or
+  // unknown formats and negative sizes.
   static std::shared_ptr<IImage> Resize(const std::shared_ptr<const IImage>& src, const Size& size, bool exact);
   static std::shared_ptr<IImage> AdjustImageForCompression(const std::shared_ptr<const IImage>& src, bool exact,
                                                            const std::shared_ptr<IImageResizeFilter>& filter);
@@ -86,13 +90,18 @@ public:
   static bool Clear(const std::shared_ptr<IImage>& image, float value);
   static bool Clear(const std::shared_ptr<IImage>& image, unsigned int value);
   static bool ClearAlpha(const std::shared_ptr<IImage>& image, unsigned char alpha);
-  // A glow of `colour` around the opaque pixels of `image`, `radius` pixels wide.
+  // A glow of `colour` around the opaque pixels (alpha >= 128) of `image`,
+  // `radius` pixels wide: halo alpha is colour.a * (1 - d / (radius + 1)) at
+  // Euclidean distance d, the original composited over it. Same size, 1
+  // level, converted to `format`; null for null or unconvertible images.
   static std::shared_ptr<IImage> CreateHalo(const std::shared_ptr<const IImage>& image, int radius,
                                             const Color4B& colour, IImage::Format format);
 
   // --- Loading -----------------------------------------------------------------
   // Decoder chosen by extension (.dds, .jpg/.jpeg, .png), result converted to
-  // `format`. Missing, empty or undecodable files throw wexception.
+  // `format`. Missing, empty or undecodable files throw wexception, as do
+  // pictures over 1 GiB decoded; hostile bytes are safe. Null when the
+  // conversion to `format` is impossible (Float32, Unknown).
   static std::shared_ptr<IImage> Load(const std::wstring& path, IImage::Format format);
   // The same from bytes in memory; `name` supplies the extension and the
   // text of error messages.

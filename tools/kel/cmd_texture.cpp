@@ -1,0 +1,161 @@
+// kel texture: convert pictures to DDS textures (DXT1/DXT5/RGBA/BGRA, with
+// optional mip chains) and DDS textures back to PNG for looking at them.
+#include <cctype>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <kel/kel.h>
+
+#include "cli.h"
+#include "commands.h"
+#include "png_writer.h"
+#include "progress_bar.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using kel::IImage;
+using kel::ImageUtil;
+
+enum class Target { Auto, Dxt1, Dxt5, Rgba, Bgra };
+
+Target ParseTarget(const std::string& text) {
+  if (text == "auto") return Target::Auto;
+  if (text == "dxt1") return Target::Dxt1;
+  if (text == "dxt5") return Target::Dxt5;
+  if (text == "rgba") return Target::Rgba;
+  if (text == "bgra") return Target::Bgra;
+  throw cli::UsageError("--format must be dxt1, dxt5, rgba, bgra or auto, not '" + text + "'");
+}
+
+std::string Lower(std::string s) {
+  for (auto& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+// Opaque pictures need no alpha: DXT1 halves the size of DXT5.
+IImage::Format FormatFor(Target target, const IImage& image) {
+  switch (target) {
+    case Target::Dxt1: return IImage::DXT1;
+    case Target::Dxt5: return IImage::DXT5;
+    case Target::Rgba: return IImage::RGBA;
+    case Target::Bgra: return IImage::BGRA;
+    case Target::Auto: break;
+  }
+  return ImageUtil::ComputeAlphaHint(image) == ImageUtil::AlphaOpaque ? IImage::DXT1 : IImage::DXT5;
+}
+
+std::shared_ptr<IImage> LoadRgba(const std::string& path) {
+  auto image = ImageUtil::Load(kel::Utf8String2WString(path), IImage::RGBA);
+  if (!image) throw kel::wexception(L"Cannot convert to RGBA: " + kel::Utf8String2WString(path));
+  return image;
+}
+
+// Padded to block-friendly sizes when the target is DXT (the codec expects
+// multiples of 4), then encoded with or without a mip chain.
+std::shared_ptr<IImage> Encode(const std::shared_ptr<IImage>& rgba, IImage::Format format, bool mipmaps, bool exact) {
+  std::shared_ptr<const IImage> src = rgba;
+  if (IImage::IsCompressed(format)) src = ImageUtil::AdjustImageForCompression(src, exact, nullptr);
+  auto out = mipmaps ? ImageUtil::CreateMipmaps(src, format, exact, nullptr) : ImageUtil::ForceFormat(src, format);
+  if (!out) throw kel::wexception(L"Conversion failed");
+  return out;
+}
+
+void SavePng(const IImage& rgba, const std::string& path) {
+  cli::WritePng(path, rgba.lineData(0, 0), static_cast<std::uint32_t>(rgba.width()),
+                static_cast<std::uint32_t>(rgba.height()), static_cast<std::size_t>(rgba.rowPitch()), 4);
+}
+
+void SaveDds(const std::shared_ptr<IImage>& image, const std::string& path) {
+  kel::DDSFileUtil::SaveTexture(image, kel::Utf8String2WString(path));
+}
+
+int RunConvert(const cli::Args& args) {
+  static const char* kUsage = "kel texture convert IN... OUT [--format dxt1|dxt5|rgba|bgra|auto] [--mipmaps] [--exact]";
+  args.expectPositional(2, static_cast<std::size_t>(-1), kUsage);
+  args.rejectUnknown({"format", "mipmaps", "exact"});
+  const Target target = ParseTarget(args.option("format").value_or("auto"));
+  const bool mipmaps = args.flag("mipmaps"), exact = args.flag("exact");
+  std::vector<std::string> inputs(args.positional().begin(), args.positional().end() - 1);
+  const std::string out = args.positional().back();
+
+  if (inputs.size() == 1 && !fs::is_directory(out)) {
+    const std::string ext = Lower(fs::path(out).extension().string());
+    if (ext != ".dds" && ext != ".png") throw cli::UsageError("OUT must end in .dds or .png (or be a directory)");
+    auto image = LoadRgba(inputs[0]);
+    if (ext == ".png") {
+      SavePng(*image, out);
+      std::printf("%s: %llux%llu RGBA -> %s\n", inputs[0].c_str(), static_cast<unsigned long long>(image->width()),
+                  static_cast<unsigned long long>(image->height()), out.c_str());
+      return 0;
+    }
+    auto encoded = Encode(image, FormatFor(target, *image), mipmaps, exact);
+    SaveDds(encoded, out);
+    static const char* kNames[] = {"RGBA", "BGRA", "DXT1", "DXT5"};
+    std::printf("%s: %llux%llu %s, %llu level(s) -> %s\n", inputs[0].c_str(),
+                static_cast<unsigned long long>(encoded->width()), static_cast<unsigned long long>(encoded->height()),
+                kNames[encoded->format() & 3], static_cast<unsigned long long>(encoded->mipLevels()), out.c_str());
+    return 0;
+  }
+
+  // Many inputs: OUT is a directory of <stem>.dds files.
+  for (std::size_t i = 0; i < inputs.size(); ++i)
+    for (std::size_t j = 0; j < i; ++j)
+      if (fs::path(inputs[i]).stem() == fs::path(inputs[j]).stem())
+        throw cli::UsageError("two inputs would both be written as " + fs::path(inputs[i]).stem().string() + ".dds");
+  std::error_code ec;
+  fs::create_directories(out, ec);
+  if (!fs::is_directory(out)) throw cli::UsageError("OUT must be a directory when converting several inputs");
+  cli::ProgressBar bar("texture convert", inputs.size() * 2);
+  std::vector<std::shared_ptr<const IImage>> images(inputs.size());
+  std::vector<IImage::Format> formats(inputs.size());
+  for (std::size_t i = 0; i < inputs.size(); ++i) {
+    auto rgba = LoadRgba(inputs[i]);
+    formats[i] = FormatFor(target, *rgba);
+    images[i] = mipmaps || !IImage::IsCompressed(formats[i]) ? Encode(rgba, formats[i], mipmaps, exact)
+                                                              : ImageUtil::AdjustImageForCompression(rgba, exact, nullptr);
+    bar.update(i + 1);
+  }
+  if (!mipmaps) {
+    // One parallel codec pass per DXT format over the images that want it.
+    for (IImage::Format f : {IImage::DXT1, IImage::DXT5}) {
+      std::vector<std::size_t> which;
+      std::vector<std::shared_ptr<const IImage>> batch;
+      for (std::size_t i = 0; i < inputs.size(); ++i)
+        if (formats[i] == f) which.push_back(i), batch.push_back(images[i]);
+      if (batch.empty()) continue;
+      kel::IDataArray<std::shared_ptr<const IImage>> view{batch.data(), static_cast<std::uint32_t>(batch.size())};
+      ImageUtil::CompressImages(view, f);
+      for (std::size_t k = 0; k < which.size(); ++k) images[which[k]] = batch[k];
+    }
+  }
+  for (std::size_t i = 0; i < inputs.size(); ++i) {
+    const std::string path = (fs::path(out) / fs::path(inputs[i]).stem()).string() + ".dds";
+    SaveDds(std::const_pointer_cast<IImage>(images[i]), path);
+    bar.update(inputs.size() + i + 1);
+  }
+  bar.finish();
+  std::printf("%zu texture(s) written to %s\n", inputs.size(), out.c_str());
+  return 0;
+}
+
+const std::vector<cli::Command> kCommands = {
+    {"convert", "PNG, JPEG or DDS to DDS textures, or DDS to PNG",
+     "usage: kel texture convert IN... OUT [--format dxt1|dxt5|rgba|bgra|auto] [--mipmaps] [--exact]\n\n"
+     "One input: OUT ending in .dds writes a DDS texture, OUT ending in .png writes the\n"
+     "picture decoded to RGBA (handy for looking at a DDS). Several inputs: OUT is a\n"
+     "directory that receives <name>.dds for each input, compressed in one parallel pass.\n\n"
+     "  --format   dxt1, dxt5, rgba, bgra, or auto (default): DXT1 for opaque pictures,\n"
+     "             DXT5 for anything with alpha. DXT targets are padded to power-of-two\n"
+     "             sizes of at least 4 first.\n"
+     "  --mipmaps  store the whole mip chain\n"
+     "  --exact    resample with the bilinear path only (no fast half-size shortcut)\n",
+     {"mipmaps", "exact"}, &RunConvert},
+};
+
+}  // namespace
+
+int RunTextureCommand(const std::vector<std::string>& words) { return cli::RunGroup("texture", kCommands, words); }
