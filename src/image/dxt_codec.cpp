@@ -89,6 +89,7 @@ void Decode(const IImage& src, IImage& dst, bool bgra) {
   const std::uint64_t available = IImage::SizeInBytes(src.width(), src.height(), src.format(), 1);
   const std::uint8_t* in = src.lineData(0, 0);
   std::uint8_t* out = dst.lineData(0, 0);
+  if (out == nullptr) return;  // the destination could not be allocated
   const std::uint64_t pitch = w * 4;
   std::uint8_t edge[64];
   for (std::uint64_t by = 0; by < down; ++by) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "image/codec_test_util.h"
 #include "kel/core/path.h"
@@ -47,8 +48,9 @@ Bytes ToMemory(const std::shared_ptr<const IImage>& img) {
   return out;
 }
 
+// Unique per process: the suite may run in several build trees at once.
 std::wstring TempPath(const std::string& name) {
-  return Utf8String2WString(::testing::TempDir() + "kel_dds_" + name);
+  return Utf8String2WString(::testing::TempDir() + "kel_dds_" + std::to_string(::getpid()) + "_" + name);
 }
 
 Bytes ReadFile(const std::wstring& path) {

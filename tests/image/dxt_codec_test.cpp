@@ -92,8 +92,8 @@ TEST(DxtEncoder, DarkestAndBrightestPixelsBecomeTheEndpoints) {
 
 TEST(DxtEncoder, AllOpaqueAlphaEncodesSixValueModeFromZeroTo255) {
   // Alpha 0 = 0, alpha 1 = 255, six-value mode. Each pixel takes the first
-  // exact match, entry 1 (the worked example's "index 7" would need entry 1
-  // to be skipped; the nearest-entry rule picks 1, which decodes the same).
+  // exact match in scan order: entry 1, not the later entry 7 that also holds
+  // 255 (both decode the same).
   const Block b = Encode(Fill({1, 2, 3, 255}), IImage::DXT5);
   EXPECT_EQ(Block(b.begin(), b.begin() + 8), (Block{0x00, 0xFF, 0x49, 0x92, 0x24, 0x49, 0x92, 0x24}));
   auto back = ImageUtil::DecompressImage(BlockImage(b, IImage::DXT5), IImage::RGBA);

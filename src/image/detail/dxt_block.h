@@ -286,12 +286,6 @@ inline __m128i BroadcastMax8(__m128i v) {
   return _mm_max_epu8(v, _mm_or_si128(_mm_srli_epi16(v, 8), _mm_slli_epi16(v, 8)));
 }
 
-// First lane equal to `value`; `fallback` when none is.
-inline int FirstEqual8(__m128i v, unsigned value, int fallback) {
-  const int mask = _mm_movemask_epi8(_mm_cmpeq_epi8(v, Splat8(value)));
-  return mask ? std::countr_zero(static_cast<unsigned>(mask)) : fallback;
-}
-
 // Two bit masks (one bit per pixel) to the 2-bit index word.
 inline std::uint32_t InterleaveIndexBits(__m128i low, __m128i high) {
   const auto lo = static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_unpacklo_epi8(low, high)));
