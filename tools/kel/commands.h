@@ -12,5 +12,3 @@ int RunBvhCommand(const std::vector<std::string>& words);
 int RunDdsCommand(const std::vector<std::string>& words);
 int RunTextureCommand(const std::vector<std::string>& words);
 int RunDemoCommand(const std::vector<std::string>& words);
-int RunDdsCommand(const std::vector<std::string>& words);
-int RunTextureCommand(const std::vector<std::string>& words);

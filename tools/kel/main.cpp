@@ -26,8 +26,6 @@ const Group kGroups[] = {
     {"dds", "DDS texture files: header, format, alpha", &RunDdsCommand},
     {"texture", "DDS textures: convert pictures, look at textures", &RunTextureCommand},
     {"demo", "the whole pipeline on a built-in example city", &RunDemoCommand},
-    {"dds", "DDS texture files: header, format, alpha", &RunDdsCommand},
-    {"texture", "DDS textures: convert pictures, look at textures", &RunTextureCommand},
 };
 
 void PrintHelp() {
