@@ -291,6 +291,17 @@ TEST(ResizeFastPath, SimdKernelMatchesScalarOnRandomRows) {
   }
 }
 
+TEST(ResizeFastPath, LargeDestinationsMatchTheScalarKernel) {
+  // 512 KiB of destination: the size where streaming stores take over.
+  auto src = RandomImage(1024, 512, IImage::RGBA, 15);
+  auto dst = ImageUtil::Resize(src, Size{512, 256}, false);
+  std::vector<std::uint8_t> row(512 * 4);
+  for (std::uint64_t y = 0; y < 256; ++y) {
+    detail::HalveRowScalar(src->lineData(2 * y, 0), src->lineData(2 * y + 1, 0), row.data(), 128);
+    ASSERT_EQ(std::memcmp(dst->lineData(y, 0), row.data(), row.size()), 0) << y;
+  }
+}
+
 TEST(ResizeFastPath, NotTakenWhenExactOrIneligible) {
   // 8x8 with exact: general path blends adjacent columns 0 and 1.
   auto src = ImageUtil::CreateImage(8, 8, IImage::RGBA, 1);
