@@ -8,6 +8,8 @@
 #include "kel/core/log.h"
 #include "kel/image/image_util.h"
 
+#include "image/detail/image_convert.h"
+
 namespace kel {
 namespace {
 
@@ -156,7 +158,9 @@ std::shared_ptr<IImage> ImageUtil::ForceFormat(const std::shared_ptr<const IImag
   if (!src || src->format() == target) return std::const_pointer_cast<IImage>(src);
   const IImage::Format from = src->format();
   if (IsRgb32(from)) {
-    if (IsRgb32(target)) return SwizzleRBChannels(src);
+    // Relabelled with the target: a BGRA result that claimed to be RGBA would
+    // be saved with the wrong channel masks.
+    if (IsRgb32(target)) return detail::SwizzleInto(*src, target);
     if (IsDxt(target)) return CompressImage(src, target);
   } else if (IsDxt(from)) {
     if (IsRgb32(target)) return DecompressImage(src, target);

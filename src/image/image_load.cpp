@@ -177,7 +177,7 @@ std::shared_ptr<IImage> Decode(const std::uint8_t* data, std::size_t size, const
       break;
     case Kind::Unsupported: Fail(L"Unsupported file extension: ", name);
   }
-  return detail::ConvertImage(image, format);
+  return ImageUtil::ForceFormat(image, format);
 }
 
 }  // namespace

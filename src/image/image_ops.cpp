@@ -20,8 +20,6 @@ bool IsFourBytePixel(IImage::Format f) { return f == IImage::RGBA || f == IImage
 
 std::int32_t AsInt32(std::uint64_t v) { return static_cast<std::int32_t>(static_cast<std::uint32_t>(v)); }
 
-std::shared_ptr<IImage> SwizzleInto(const IImage& src, IImage::Format format);
-
 std::shared_ptr<IImage> Unconst(const std::shared_ptr<const IImage>& p) { return std::const_pointer_cast<IImage>(p); }
 
 void HalfSize(const IImage& src, IImage& dst) {
@@ -181,15 +179,6 @@ void DistanceTransform1D(const float* f, float* d, int n, std::vector<int>& v, s
 
 }  // namespace
 
-std::shared_ptr<IImage> detail::ConvertImage(const std::shared_ptr<const IImage>& src, IImage::Format format) {
-  if (!src) return nullptr;
-  if (src->format() == format) return Unconst(src);
-  // Swizzled here rather than through SwizzleRBChannels, which keeps the
-  // source's format label.
-  if (IsFourBytePixel(src->format()) && IsFourBytePixel(format)) return SwizzleInto(*src, format);
-  return ImageUtil::ForceFormat(src, format);
-}
-
 void ImageUtil::CreateMipmapSizes(IEnumerate<Size>& sink, const Size& size, bool stopAtFirstMinimum,
                                   bool blockMinimum) {
   if (!sink.push(size)) return;
@@ -300,13 +289,11 @@ std::shared_ptr<IImage> ImageUtil::SwizzleRBChannels(const std::shared_ptr<const
     KEL_LOG_WARN(L"Channel swizzling is only supported for uncompressed images");
     return nullptr;
   }
-  return SwizzleInto(*src, src->format());
+  return detail::SwizzleInto(*src, src->format());
 }
 
-namespace {
-
 // Bytes 0 and 2 exchanged on every level, into a new image labelled `format`.
-std::shared_ptr<IImage> SwizzleInto(const IImage& srcImage, IImage::Format format) {
+std::shared_ptr<IImage> detail::SwizzleInto(const IImage& srcImage, IImage::Format format) {
   const IImage* src = &srcImage;
   auto dst = ImageUtil::CreateImage(src->width(), src->height(), format, src->mipLevels());
   const bool fourBytes = src->bitsPerPixel() == 32;
@@ -340,7 +327,6 @@ std::shared_ptr<IImage> SwizzleInto(const IImage& srcImage, IImage::Format forma
   return dst;
 }
 
-}  // namespace
 
 bool ImageUtil::Clear(const std::shared_ptr<IImage>& image, float value) {
   if (!image || image->format() != IImage::Float32) {
@@ -374,12 +360,12 @@ bool ImageUtil::ClearAlpha(const std::shared_ptr<IImage>& image, unsigned char a
 std::shared_ptr<IImage> ImageUtil::CreateHalo(const std::shared_ptr<const IImage>& image, int radius,
                                               const Color4B& colour, IImage::Format format) {
   if (!image) return nullptr;
-  auto rgba = detail::ConvertImage(image, IImage::RGBA);
+  auto rgba = ImageUtil::ForceFormat(image, IImage::RGBA);
   if (!rgba) return nullptr;
   const auto w = static_cast<int>(std::min<std::uint64_t>(rgba->width(), std::numeric_limits<int>::max()));
   const auto h = static_cast<int>(std::min<std::uint64_t>(rgba->height(), std::numeric_limits<int>::max()));
   auto out = CreateImage(static_cast<std::uint64_t>(w), static_cast<std::uint64_t>(h), IImage::RGBA, 1);
-  if (w == 0 || h == 0) return detail::ConvertImage(out, format);
+  if (w == 0 || h == 0) return ImageUtil::ForceFormat(out, format);
 
   // Squared distance of every pixel to the nearest pixel with alpha >= 128.
   constexpr float kInf = std::numeric_limits<float>::infinity();
@@ -426,13 +412,13 @@ std::shared_ptr<IImage> ImageUtil::CreateHalo(const std::shared_ptr<const IImage
       o[3] = static_cast<std::uint8_t>(std::lround(oa * 255.0f));
     }
   }
-  return detail::ConvertImage(out, format);
+  return ImageUtil::ForceFormat(out, format);
 }
 
 std::shared_ptr<IImage> ImageUtil::CreateMipmaps(const std::shared_ptr<const IImage>& src, IImage::Format format,
                                                  bool exact, const std::shared_ptr<IImageResizeFilter>& filter) {
   if (!src) return nullptr;
-  std::shared_ptr<const IImage> base = src->isCompressed() ? detail::ConvertImage(src, IImage::RGBA) : src;
+  std::shared_ptr<const IImage> base = src->isCompressed() ? ImageUtil::ForceFormat(src, IImage::RGBA) : src;
   if (!base) return nullptr;
   // One block holds every level at a quarter of the one before, so the chain
   // stops at the first minimum and wherever a dimension would not halve exactly.
@@ -441,14 +427,14 @@ std::shared_ptr<IImage> ImageUtil::CreateMipmaps(const std::shared_ptr<const IIm
   CreateMipmapSizes(sink, Size{src->width(), src->height()}, true, IImage::IsCompressed(format));
   std::vector<std::shared_ptr<IImage>> levels;
   std::shared_ptr<const IImage> previous = base;
-  levels.push_back(detail::ConvertImage(base, format));
+  levels.push_back(ImageUtil::ForceFormat(base, format));
   if (!levels.back()) return nullptr;
   for (std::size_t i = 1; i < sizes.size(); ++i) {
     const Size& p = sizes[i - 1];
     if (p.width % 2 != 0 || p.height % 2 != 0 || sizes[i] != Size{p.width / 2, p.height / 2}) break;
     auto next = filter ? filter->resize(previous, sizes[i], exact) : Resize(previous, sizes[i], exact);
     if (!next || next->width() != sizes[i].width || next->height() != sizes[i].height) break;
-    auto converted = detail::ConvertImage(next, format);
+    auto converted = ImageUtil::ForceFormat(next, format);
     if (!converted) return nullptr;
     levels.push_back(converted);
     previous = next;
@@ -469,7 +455,7 @@ void ImageUtil::CreateMipmapSequence(std::vector<std::shared_ptr<IImage>>& out,
                                      const std::shared_ptr<IImageResizeFilter>& filter) {
   out.clear();
   if (!src) return;
-  std::shared_ptr<const IImage> previous = src->isCompressed() ? detail::ConvertImage(src, IImage::RGBA) : src;
+  std::shared_ptr<const IImage> previous = src->isCompressed() ? ImageUtil::ForceFormat(src, IImage::RGBA) : src;
   if (!previous) return;
   std::vector<Size> sizes;
   EnumerateIntoPushBackContainer<std::vector<Size>> sink(sizes);
@@ -477,7 +463,7 @@ void ImageUtil::CreateMipmapSequence(std::vector<std::shared_ptr<IImage>>& out,
   for (std::size_t i = 0; i < sizes.size(); ++i) {
     std::shared_ptr<const IImage> level = previous;
     if (i > 0) level = filter ? filter->resize(previous, sizes[i], exact) : Resize(previous, sizes[i], exact);
-    auto converted = detail::ConvertImage(level, format);
+    auto converted = ImageUtil::ForceFormat(level, format);
     if (!converted) {
       out.clear();
       return;

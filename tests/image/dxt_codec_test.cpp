@@ -310,9 +310,11 @@ TEST(ForceFormat, ConvertsBetweenEverySupportedPair) {
   std::shared_ptr<const IImage> rgba = MakeImage(8, 8, px);
   auto bgra = ImageUtil::ForceFormat(rgba, IImage::BGRA);
   ASSERT_NE(bgra, nullptr);
-  // The swizzle exchanges bytes 0 and 2 and keeps the source's format label.
-  EXPECT_EQ(bgra->format(), IImage::RGBA);
-  EXPECT_EQ(PixelAt(*bgra, 3, 2), (Color4B{px[19].b, px[19].g, px[19].r, px[19].a}));
+  // Bytes 0 and 2 exchanged, and labelled with what they now are.
+  EXPECT_EQ(bgra->format(), IImage::BGRA);
+  EXPECT_EQ(PixelAt(*bgra, 3, 2), px[19]);  // same colour read through the new label
+  EXPECT_EQ(bgra->lineData(2, 0)[3 * 4], px[19].b);  // stored blue first
+  EXPECT_EQ(Bytes(*ImageUtil::ForceFormat(bgra, IImage::RGBA)), Bytes(*rgba));
   auto dxt1 = ImageUtil::ForceFormat(rgba, IImage::DXT1);
   EXPECT_EQ(Bytes(*dxt1), Bytes(*ImageUtil::CompressImage(rgba, IImage::DXT1)));
   auto back = ImageUtil::ForceFormat(dxt1, IImage::BGRA);

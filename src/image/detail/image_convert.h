@@ -1,4 +1,4 @@
-// Format conversion shared by the image operations and the loaders.
+// Format conversion shared by the image operations and the codec.
 #pragma once
 
 #include <memory>
@@ -7,8 +7,9 @@
 
 namespace kel::detail {
 
-// `src` in `format`: itself when it already is, a swizzle between RGBA and
-// BGRA, ImageUtil::ForceFormat otherwise (null for impossible pairs).
-std::shared_ptr<IImage> ConvertImage(const std::shared_ptr<const IImage>& src, IImage::Format format);
+// Bytes 0 and 2 exchanged on every level of a 32-bit image, into a new image
+// labelled `format`. SwizzleRBChannels keeps the source's label; ForceFormat
+// relabels, so the result's byte order matches what it claims to be.
+std::shared_ptr<IImage> SwizzleInto(const IImage& src, IImage::Format format);
 
 }  // namespace kel::detail
