@@ -30,6 +30,7 @@ namespace {
 using kel::fdo::bvh;
 using kel::fdo::hit;
 using kel::fdo::ray;
+using kel::fdo::MakeRay;
 
 // Vectors on huge pages, as the tile loader keeps its soup.
 template <typename T>
@@ -86,14 +87,6 @@ Scene MakeScene() {
     }
   for (std::size_t i = 2; i < s.xyz.size(); i += 3) s.top = std::max(s.top, s.xyz[i]);
   return s;
-}
-
-ray MakeRay(float ox, float oy, float oz, float dx, float dy, float dz) {
-  ray r{};
-  r.origin[0] = ox, r.origin[1] = oy, r.origin[2] = oz;
-  r.direction[0] = dx, r.direction[1] = dy, r.direction[2] = dz;
-  for (int a = 0; a < 3; ++a) r.invDirection[a] = 1.0f / r.direction[a];
-  return r;
 }
 
 std::vector<ray> VerticalRays(const Scene& s, int n) {

@@ -6,51 +6,27 @@
 #include <string>
 
 #include <gtest/gtest.h>
-#include <log4cplus/appender.h>
-#include <log4cplus/spi/loggingevent.h>
 
 #include "kel/core/locale.h"
 #include "kel/core/wexception.h"
+#include "support/log_capture.h"
 
 namespace kel {
 namespace {
 
-// Records every event the KEL logger forwards, with its source position.
-class RecordingAppender : public log4cplus::Appender {
-public:
-  struct Event {
-    int level;
-    std::string message;
-    std::string file;
-    int line;
-  };
-  std::vector<Event> events;
-  void close() override {}
-
-protected:
-  void append(const log4cplus::spi::InternalLoggingEvent& e) override {
-    events.push_back({e.getLogLevel(), e.getMessage(), e.getFile(), e.getLine()});
-  }
-};
-
 class LogTest : public ::testing::Test {
 protected:
-  void SetUp() override {
-    appender_ = log4cplus::SharedAppenderPtr(recorder_ = new RecordingAppender);
-    Log::getKELLogger().addAppender(appender_);
-    Log::getKELLogger().setLogLevel(log4cplus::TRACE_LOG_LEVEL);
-  }
-  void TearDown() override { Log::getKELLogger().removeAppender(appender_); }
+  const std::vector<test::RecordingAppender::Event>& events() const { return capture_.events(); }
 
-  RecordingAppender* recorder_ = nullptr;
-  log4cplus::SharedAppenderPtr appender_;
+private:
+  test::LogCapture capture_;
 };
 
 TEST_F(LogTest, WarningReachesTheAppenderWithItsSourcePosition) {
   const int line = __LINE__ + 1;
   KEL_LOG_WARN(L"caf\u00E9 warning");
-  ASSERT_EQ(recorder_->events.size(), 1u);
-  const auto& e = recorder_->events[0];
+  ASSERT_EQ(events().size(), 1u);
+  const auto& e = events()[0];
   EXPECT_EQ(e.level, log4cplus::WARN_LOG_LEVEL);
   EXPECT_EQ(e.message, "caf\xC3\xA9 warning");  // UTF-8 at the library boundary
   EXPECT_NE(e.file.find("log_test.cpp"), std::string::npos);
@@ -63,11 +39,11 @@ TEST_F(LogTest, SetSilentTogglesWhateverItsArgument) {
   Log::setSilent(false);  // first call mutes, whatever the argument
   EXPECT_EQ(logger.getLogLevel(), log4cplus::OFF_LOG_LEVEL);
   KEL_LOG_ERROR(L"muted");
-  EXPECT_TRUE(recorder_->events.empty());
+  EXPECT_TRUE(events().empty());
   Log::setSilent(true);
   EXPECT_EQ(logger.getLogLevel(), start);
   KEL_LOG_ERROR(L"heard");
-  EXPECT_EQ(recorder_->events.size(), 1u);
+  EXPECT_EQ(events().size(), 1u);
 }
 
 TEST_F(LogTest, LocaleGuardRestoresAndOnlyTheLoudOneWarns) {
@@ -78,18 +54,18 @@ TEST_F(LogTest, LocaleGuardRestoresAndOnlyTheLoudOneWarns) {
     std::setlocale(LC_CTYPE, "C.UTF-8");
   }
   EXPECT_EQ(std::string(std::setlocale(LC_ALL, nullptr)), before);
-  EXPECT_TRUE(recorder_->events.empty());
+  EXPECT_TRUE(events().empty());
   {
     LocaleGuard loud(false);
     std::setlocale(LC_CTYPE, "C.UTF-8");
   }
   EXPECT_EQ(std::string(std::setlocale(LC_ALL, nullptr)), before);
-  ASSERT_EQ(recorder_->events.size(), 1u);
-  EXPECT_EQ(recorder_->events[0].message, "LocaleGuard: Locale was reset.");
+  ASSERT_EQ(events().size(), 1u);
+  EXPECT_EQ(events()[0].message, "LocaleGuard: Locale was reset.");
   {
     LocaleGuard unchanged(false);
   }
-  EXPECT_EQ(recorder_->events.size(), 1u);
+  EXPECT_EQ(events().size(), 1u);
 }
 
 TEST(LocaleGuardScope, RestoresWhileAnExceptionPasses) {

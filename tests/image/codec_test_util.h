@@ -10,10 +10,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <log4cplus/appender.h>
-#include <log4cplus/spi/loggingevent.h>
 
 #include "kel/core/log.h"
+#include "support/log_capture.h"
 #include "kel/core/types.h"
 #include "kel/image/image_util.h"
 
@@ -46,42 +45,6 @@ inline std::vector<std::uint8_t> Bytes(const IImage& img) {
   return std::vector<std::uint8_t>(p, p + img.sizeInBytes());
 }
 
-// Records every event the KEL logger forwards while it is alive.
-class LogRecorder {
-public:
-  LogRecorder() {
-    appender_ = log4cplus::SharedAppenderPtr(sink_ = new Sink);
-    Log::getKELLogger().addAppender(appender_);
-    saved_ = Log::getKELLogger().getLogLevel();
-    Log::getKELLogger().setLogLevel(log4cplus::TRACE_LOG_LEVEL);
-  }
-  ~LogRecorder() {
-    Log::getKELLogger().removeAppender(appender_);
-    Log::getKELLogger().setLogLevel(saved_);
-  }
-  LogRecorder(const LogRecorder&) = delete;
-  LogRecorder& operator=(const LogRecorder&) = delete;
-
-  const std::vector<std::string>& messages() const { return sink_->messages; }
-  bool contains(const std::string& text) const {
-    for (const auto& m : sink_->messages)
-      if (m.find(text) != std::string::npos) return true;
-    return false;
-  }
-
-private:
-  class Sink : public log4cplus::Appender {
-  public:
-    std::vector<std::string> messages;
-    ~Sink() override { destructorImpl(); }
-    void close() override {}
-
-  protected:
-    void append(const log4cplus::spi::InternalLoggingEvent& e) override { messages.push_back(e.getMessage()); }
-  };
-  Sink* sink_ = nullptr;
-  log4cplus::SharedAppenderPtr appender_;
-  log4cplus::LogLevel saved_ = log4cplus::NOT_SET_LOG_LEVEL;
-};
+using LogRecorder = kel::test::LogCapture;
 
 }  // namespace kel::testing

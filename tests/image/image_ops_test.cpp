@@ -4,47 +4,18 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <log4cplus/appender.h>
-#include <log4cplus/spi/loggingevent.h>
 
 #include "image/detail/half_size_lanes.h"
 #include "kel/core/log.h"
 #include "kel/image/image_util.h"
+#include "support/log_capture.h"
 
 namespace kel {
 namespace {
 
 using Size = ImageUtil::Size;
 
-class RecordingAppender : public log4cplus::Appender {
-public:
-  std::vector<std::string> messages;
-  ~RecordingAppender() override { destructorImpl(); }
-  void close() override {}
-
-protected:
-  void append(const log4cplus::spi::InternalLoggingEvent& e) override { messages.push_back(e.getMessage()); }
-};
-
-// Collects the KEL logger's messages for the lifetime of the object.
-class LogCapture {
-public:
-  LogCapture() : appender_(recorder_ = new RecordingAppender) {
-    Log::getKELLogger().addAppender(appender_);
-    level_ = Log::getKELLogger().getLogLevel();
-    Log::getKELLogger().setLogLevel(log4cplus::TRACE_LOG_LEVEL);
-  }
-  ~LogCapture() {
-    Log::getKELLogger().removeAppender(appender_);
-    Log::getKELLogger().setLogLevel(level_);
-  }
-  const std::vector<std::string>& messages() const { return recorder_->messages; }
-
-private:
-  RecordingAppender* recorder_;
-  log4cplus::SharedAppenderPtr appender_;
-  log4cplus::LogLevel level_;
-};
+using test::LogCapture;
 
 std::shared_ptr<IImage> MakeImage(std::uint64_t w, std::uint64_t h, IImage::Format f,
                                   const std::vector<std::uint8_t>& bytes, std::uint64_t levels = 1) {

@@ -52,14 +52,6 @@ private:
   const Soup& s_;
 };
 
-ray MakeRay(float ox, float oy, float oz, float dx, float dy, float dz) {
-  ray r{};
-  r.origin[0] = ox, r.origin[1] = oy, r.origin[2] = oz;
-  r.direction[0] = dx, r.direction[1] = dy, r.direction[2] = dz;
-  for (int a = 0; a < 3; ++a) r.invDirection[a] = 1.0f / r.direction[a];
-  return r;
-}
-
 // Nearest hit by scanning every triangle; ties keep the lowest index.
 hit BruteForce(const Soup& s, const ray& r, float tMax) {
   hit h{~0u, tMax};

@@ -15,13 +15,14 @@
 #include "kel/sff/sff_writer.h"
 #include "kel/spatial/bvh.h"
 #include "spatial/detail/triangle.h"
-#include "spatial/log_capture.h"
+#include "support/log_capture.h"
 
 namespace kel {
 namespace {
 
 using fdo::hit;
 using fdo::ray;
+using fdo::MakeRay;
 
 const char* const kIndexWarning = "Invalid SFF file: Index out of range. Ignoring triangle";
 const char* const kVertexWarning =
@@ -55,14 +56,6 @@ std::vector<unsigned char> WriteTile(const std::vector<Mesh>& meshes, bool compr
 SFF2BVH Load(const std::vector<unsigned char>& bytes) {
   sff_buff_is in(bytes.data(), bytes.size());
   return SFF2BVH(in);
-}
-
-ray MakeRay(float ox, float oy, float oz, float dx, float dy, float dz) {
-  ray r{};
-  r.origin[0] = ox, r.origin[1] = oy, r.origin[2] = oz;
-  r.direction[0] = dx, r.direction[1] = dy, r.direction[2] = dz;
-  for (int a = 0; a < 3; ++a) r.invDirection[a] = 1.0f / r.direction[a];
-  return r;
 }
 
 hit Pick(const SFF2BVH& tile, const ray& r) {

@@ -8,11 +8,10 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <log4cplus/appender.h>
-#include <log4cplus/spi/loggingevent.h>
 
 #include "kel/core/log.h"
 #include "kel/core/text.h"
+#include "support/log_capture.h"
 
 namespace kel {
 namespace {
@@ -21,15 +20,6 @@ namespace fs = std::filesystem;
 using Util = TileCacheFileUtil;
 using Folders = TileCacheFileUtil::CacheFolderUtil;
 
-class RecordingAppender : public log4cplus::Appender {
-public:
-  std::vector<std::string> messages;
-  ~RecordingAppender() override { destructorImpl(); }
-  void close() override {}
-
-protected:
-  void append(const log4cplus::spi::InternalLoggingEvent& e) override { messages.push_back(e.getMessage()); }
-};
 
 fs::path TempDir() {
   const fs::path dir = fs::temp_directory_path() / ("kel_cache_test_" + std::to_string(::getpid()));
@@ -102,19 +92,14 @@ TEST(TileCacheFileUtil, PlaceholderFilesHaveTheirExactBytes) {
 }
 
 TEST(TileCacheFileUtil, PlaceholderFailuresReturnFalseAndNullLogs) {
-  auto* recorder = new RecordingAppender;
-  log4cplus::SharedAppenderPtr appender(recorder);
-  Log::getKELLogger().addAppender(appender);
-  const auto level = Log::getKELLogger().getLogLevel();
-  Log::getKELLogger().setLogLevel(log4cplus::TRACE_LOG_LEVEL);
+  test::LogCapture capture;
   const std::wstring bad = W(TempDir() / "no_such_dir" / "x.sff");
   EXPECT_FALSE(Util::CreateNullSff(bad.c_str()));
   EXPECT_FALSE(Util::CreateEmptySff(bad.c_str()));
-  Log::getKELLogger().setLogLevel(level);
-  Log::getKELLogger().removeAppender(appender);
-  ASSERT_EQ(recorder->messages.size(), 1u);
-  EXPECT_EQ(recorder->messages[0].rfind("Failed to create NULL sff:", 0), 0u);
-  EXPECT_NE(recorder->messages[0].find("no_such_dir"), std::string::npos);
+  const auto messages = capture.messages();
+  ASSERT_EQ(messages.size(), 1u);
+  EXPECT_EQ(messages[0].rfind("Failed to create NULL sff:", 0), 0u);
+  EXPECT_NE(messages[0].find("no_such_dir"), std::string::npos);
 }
 
 TEST(CacheFolderUtil, MapsFilesUnderTheFirstMatchingRoot) {

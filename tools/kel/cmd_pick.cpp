@@ -52,14 +52,7 @@ LoadedTile LoadTile(const std::string& path) {
 }
 
 kel::fdo::ray MakeRay(double ox, double oy, double oz, double dx, double dy, double dz) {
-  kel::fdo::ray r{};
-  const double o[3] = {ox, oy, oz}, d[3] = {dx, dy, dz};
-  for (int a = 0; a < 3; ++a) {
-    r.origin[a] = float(o[a]);
-    r.direction[a] = float(d[a]);
-    r.invDirection[a] = 1.0f / r.direction[a];
-  }
-  return r;
+  return kel::fdo::MakeRay(float(ox), float(oy), float(oz), float(dx), float(dy), float(dz));
 }
 
 struct PickResult {

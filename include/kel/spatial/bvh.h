@@ -39,6 +39,17 @@ struct alignas(16) ray {
   float invDirection[4];
 };
 
+// A ray from (ox, oy, oz) along (dx, dy, dz) with invDirection filled in. A
+// zero direction component gives an infinite inverse, which the slab test
+// expects; the spare lanes stay 0.
+inline ray MakeRay(float ox, float oy, float oz, float dx, float dy, float dz) {
+  ray r{};
+  r.origin[0] = ox, r.origin[1] = oy, r.origin[2] = oz;
+  r.direction[0] = dx, r.direction[1] = dy, r.direction[2] = dz;
+  for (int a = 0; a < 3; ++a) r.invDirection[a] = 1.0f / r.direction[a];
+  return r;
+}
+
 // Nearest hit. Set t to the largest distance of interest before a query; the
 // query only ever lowers it and sets primitive alongside.
 struct hit {
