@@ -35,11 +35,16 @@ inline std::size_t PutVarint(unsigned char* out, std::uint64_t v) {
   return n;
 }
 
-// Decodes a 64-bit varint from [p, end). Returns the bytes used, or 0 when
-// the varint is not complete before `end`.
-inline std::size_t GetVarint64(const unsigned char* p, const unsigned char* end, std::uint64_t& v) {
-  std::uint64_t r = 0;
-  for (std::size_t i = 0; i < 8; ++i) {
+// One loop for both widths. A 64-bit varint takes up to eight 7-bit groups
+// and then a ninth byte whole; a 32-bit one stops at five bytes and is 0 when
+// the fifth still carries the continuation bit. Returns the bytes used, or 0
+// when the varint is not complete before `end` (v is then left alone).
+template <typename U>
+inline std::size_t GetVarint(const unsigned char* p, const unsigned char* end, U& v) {
+  static_assert(sizeof(U) == 4 || sizeof(U) == 8);
+  constexpr std::size_t kGroups = sizeof(U) == 8 ? 8 : 5;
+  U r = 0;
+  for (std::size_t i = 0; i < kGroups; ++i) {
     if (p + i >= end) return 0;
     const unsigned char b = p[i];
     r = (r << 7) | (b & 0x7F);
@@ -48,26 +53,22 @@ inline std::size_t GetVarint64(const unsigned char* p, const unsigned char* end,
       return i + 1;
     }
   }
-  if (p + 8 >= end) return 0;
-  v = (r << 8) | p[8];
-  return 9;
+  if constexpr (sizeof(U) == 8) {
+    if (p + 8 >= end) return 0;
+    v = (r << 8) | p[8];
+    return 9;
+  } else {
+    v = 0;
+    return 5;
+  }
 }
 
-// Decodes a 32-bit varint: at most five bytes; when the fifth still carries
-// the continuation bit the value is 0. Same return convention.
+inline std::size_t GetVarint64(const unsigned char* p, const unsigned char* end, std::uint64_t& v) {
+  return GetVarint(p, end, v);
+}
+
 inline std::size_t GetVarint32(const unsigned char* p, const unsigned char* end, std::uint32_t& v) {
-  std::uint32_t r = 0;
-  for (std::size_t i = 0; i < 5; ++i) {
-    if (p + i >= end) return 0;
-    const unsigned char b = p[i];
-    r = (r << 7) | (b & 0x7F);
-    if (!(b & 0x80)) {
-      v = r;
-      return i + 1;
-    }
-  }
-  v = 0;
-  return 5;
+  return GetVarint(p, end, v);
 }
 
 }  // namespace kel::detail
