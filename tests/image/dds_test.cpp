@@ -116,12 +116,12 @@ TEST(DdsHeader, OtherFormatsGetABareHeaderAndAWarning) {
 
 // ---- Round trips ---------------------------------------------------------------
 
-TEST(DdsFile, RoundTripsEveryFormatThroughFileAndMemory) {
+TEST(DdsFile, RoundTripsEveryFormatThroughMemoryAndAWidePath) {
   for (auto format : {IImage::RGBA, IImage::BGRA, IImage::DXT1, IImage::DXT5})
     for (std::uint64_t levels : {1, 4}) {
       auto img = RandomImage(16, 8, format, static_cast<unsigned>(format * 10 + levels), levels);
       const Bytes memory = ToMemory(img);
-      const std::wstring path = TempPath("roundtrip.dds");
+      const std::wstring path = TempPath("caf\u00E9_\u5730\u56FE.dds");  // opened by its native name
       DDSFileUtil::SaveTexture(img, path);
       EXPECT_EQ(ReadFile(path), memory);
       EXPECT_EQ(DDSFileUtil::GetFormat(path), format);
@@ -138,17 +138,7 @@ TEST(DdsFile, RoundTripsEveryFormatThroughFileAndMemory) {
     }
 }
 
-TEST(DdsFile, WidePathsAreOpenedByTheirNativeName) {
-  const std::wstring path = TempPath("caf\u00E9_\u5730\u56FE.dds");
-  auto img = RandomImage(8, 8, IImage::DXT5, 1);
-  DDSFileUtil::SaveTexture(img, path);
-  auto loaded = DDSFileUtil::LoadTexture(path);
-  ASSERT_NE(loaded, nullptr);
-  EXPECT_EQ(testing::Bytes(*loaded), testing::Bytes(*img));
-  std::remove(File::NativePath(path).c_str());
-}
-
-TEST(DdsFile, EmptyImagesAreNotSaved) {
+TEST(DdsFile, EmptyImagesAreNotSavedAndFailedSavesThrowWithThePath) {
   testing::LogRecorder log;
   const std::wstring path = TempPath("empty.dds");
   std::remove(File::NativePath(path).c_str());
@@ -161,12 +151,9 @@ TEST(DdsFile, EmptyImagesAreNotSaved) {
   DDSFileUtil::SaveTextureToMemory(out, ImageUtil::CreateImage(4, 0, IImage::DXT1, 1));
   EXPECT_EQ(out, (Bytes{1, 2, 3}));
   EXPECT_TRUE(log.contains("image is null or empty. no buffer created."));
-}
-
-TEST(DdsFile, FailedSaveThrowsWithThePath) {
-  const std::wstring path = TempPath("no_such_dir/x.dds");
-  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::SaveTexture(RandomImage(4, 4, IImage::RGBA, 1), path); }),
-            L"Failed to save DDS file: " + path);
+  const std::wstring bad = TempPath("no_such_dir/x.dds");
+  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::SaveTexture(RandomImage(4, 4, IImage::RGBA, 1), bad); }),
+            L"Failed to save DDS file: " + bad);
 }
 
 // ---- Reading odd headers ------------------------------------------------------------
@@ -221,24 +208,18 @@ TEST(DdsFile, ZeroMipCountLoadsOneLevelAndCubeMapBitIsReported) {
   std::remove(File::NativePath(path).c_str());
 }
 
-TEST(DdsBuffer, RejectsShortOrForeignBuffers) {
-  const Bytes file = ToMemory(RandomImage(4, 4, IImage::RGBA, 1));
-  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTextureFromBuffer(file.data(), 127); }),
-            L"No valid dds data in buffer");
-  Bytes noSpace = file;
-  noSpace[3] = 0;
-  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTextureFromBuffer(noSpace.data(), noSpace.size()); }),
-            L"No valid dds data in buffer");
-  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTextureFromBuffer(nullptr, 1000); }), L"No valid dds data in buffer");
-}
-
-TEST(DdsBuffer, RejectsEveryTruncatedPrefix) {
+TEST(DdsBuffer, RejectsEveryTruncatedPrefixAndForeignMagic) {
   const Bytes file = ToMemory(RandomImage(16, 8, IImage::DXT5, 1, 3));
   for (std::size_t n = 0; n < file.size(); ++n) {
     const std::wstring message = ErrorOf([&] { DDSFileUtil::LoadTextureFromBuffer(file.data(), n); });
     EXPECT_EQ(message, n < 128 ? L"No valid dds data in buffer" : kShortBuffer) << "prefix " << n;
   }
   EXPECT_NE(DDSFileUtil::LoadTextureFromBuffer(file.data(), file.size()), nullptr);
+  Bytes noSpace = file;
+  noSpace[3] = 0;
+  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTextureFromBuffer(noSpace.data(), noSpace.size()); }),
+            L"No valid dds data in buffer");
+  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTextureFromBuffer(nullptr, 1000); }), L"No valid dds data in buffer");
 }
 
 TEST(DdsFile, RejectsTruncatedFiles) {
