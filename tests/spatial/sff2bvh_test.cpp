@@ -193,7 +193,7 @@ TEST(Sff2Bvh, NestedMeshNodesAppendTheImplicitListOnce) {
   EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 1);
 }
 
-TEST(Sff2Bvh, FilesWithoutTrianglesAreInvalid) {
+TEST(Sff2Bvh, FilesWithoutTrianglesAreInvalidAndUnreadableOnesLogAnError) {
   struct Case {
     const char* label;
     std::vector<unsigned char> bytes;
@@ -212,15 +212,13 @@ TEST(Sff2Bvh, FilesWithoutTrianglesAreInvalid) {
     EXPECT_EQ(tile.getBVH(), nullptr) << c.label;
     EXPECT_EQ(tile.getIntersector(), nullptr) << c.label;
   }
-}
-
-TEST(Sff2Bvh, UnreadableFileLogsAnErrorAndStaysInvalid) {
-  test::LogCapture capture;
+  // Unreadable bytes log one error.
+  test::LogCapture unreadable;
   const SFF2BVH tile = Load({'n', 'o', 'p', 'e'});
   EXPECT_FALSE(tile.valid());
-  ASSERT_EQ(capture.log().events.size(), 1u);
-  EXPECT_EQ(capture.log().events[0].level, log4cplus::ERROR_LOG_LEVEL);
-  EXPECT_NE(capture.log().events[0].message.find("Invalid SFF file"), std::string::npos);
+  ASSERT_EQ(unreadable.log().events.size(), 1u);
+  EXPECT_EQ(unreadable.log().events[0].level, log4cplus::ERROR_LOG_LEVEL);
+  EXPECT_NE(unreadable.log().events[0].message.find("Invalid SFF file"), std::string::npos);
 }
 
 TEST(Sff2Bvh, EveryTruncatedPrefixLoadsWithoutThrowing) {
