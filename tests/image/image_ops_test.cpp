@@ -332,7 +332,7 @@ TEST(Clear, FillsEveryLevelOrWarns) {
 
 // --- CreateHalo ----------------------------------------------------------------
 
-TEST(CreateHalo, GlowFadesWithDistanceUnderTheOriginal) {
+TEST(CreateHalo, GlowFadesWithDistanceUnderTheOriginalAndNeedsOpaquePixels) {
   auto src = ImageUtil::CreateImage(9, 9, IImage::RGBA, 1);
   ImageUtil::Clear(src, 0u);
   std::uint8_t* centre = src->lineData(4, 0) + 16;
@@ -351,14 +351,12 @@ TEST(CreateHalo, GlowFadesWithDistanceUnderTheOriginal) {
   EXPECT_EQ(Pixel(*bgra, 5, 4)[2], 255);
   EXPECT_EQ(Pixel(*bgra, 5, 4)[0], 0);
   EXPECT_EQ(ImageUtil::CreateHalo(nullptr, 2, Color4B{}, IImage::RGBA), nullptr);
-}
-
-TEST(CreateHalo, ZeroRadiusCopiesAndNoOpaquePixelsGiveNothing) {
-  auto src = RandomImage(5, 3, IImage::RGBA, 8);
-  ImageUtil::ClearAlpha(src, 255);
-  EXPECT_EQ(Bytes(*ImageUtil::CreateHalo(src, 0, Color4B{1, 2, 3, 255}, IImage::RGBA)), Bytes(*src));
-  ImageUtil::ClearAlpha(src, 0);
-  const auto out = Bytes(*ImageUtil::CreateHalo(src, 3, Color4B{1, 2, 3, 255}, IImage::RGBA));
+  // Radius 0 copies; without opaque pixels there is nothing to glow.
+  auto noise = RandomImage(5, 3, IImage::RGBA, 8);
+  ImageUtil::ClearAlpha(noise, 255);
+  EXPECT_EQ(Bytes(*ImageUtil::CreateHalo(noise, 0, Color4B{1, 2, 3, 255}, IImage::RGBA)), Bytes(*noise));
+  ImageUtil::ClearAlpha(noise, 0);
+  const auto out = Bytes(*ImageUtil::CreateHalo(noise, 3, Color4B{1, 2, 3, 255}, IImage::RGBA));
   EXPECT_EQ(out, Pixels(out.size(), 0));
 }
 
