@@ -235,26 +235,7 @@ TEST(Sff2Bvh, EveryTruncatedPrefixLoadsWithoutThrowing) {
   }
 }
 
-TEST(Sff2Bvh, CompressedTilesPickLikePlainOnes) {
-  std::mt19937 rng(3);
-  std::uniform_real_distribution<float> p(0.0f, 20.0f);
-  Mesh m;
-  for (int i = 0; i < 200; ++i) {
-    const auto t = Tri(p(rng), p(rng), p(rng));
-    m.xyz.insert(m.xyz.end(), t.begin(), t.end());
-  }
-  const SFF2BVH plain = Load(WriteTile({m}, false));
-  const SFF2BVH packed = Load(WriteTile({m}, true));
-  ASSERT_TRUE(plain.valid() && packed.valid());
-  for (int q = 0; q < 200; ++q) {
-    const float x = p(rng), y = p(rng);
-    const hit a = Down(plain, x, y), b = Down(packed, x, y);
-    EXPECT_EQ(a.primitive, b.primitive);
-    EXPECT_EQ(a.t, b.t);
-  }
-}
-
-TEST(Sff2Bvh, MultiMeshTilesMatchABruteForceModel) {
+TEST(Sff2Bvh, MultiMeshTilesPlainOrCompressedMatchABruteForceModel) {
   // Random meshes, some with index arrays and some without; the model soup
   // applies the same rules and is scanned triangle by triangle.
   std::mt19937 rng(8);
@@ -277,14 +258,17 @@ TEST(Sff2Bvh, MultiMeshTilesMatchABruteForceModel) {
     soup.xyz.insert(soup.xyz.end(), mesh.xyz.begin(), mesh.xyz.end());
     meshes.push_back(mesh);
   }
-  const SFF2BVH tile = Load(WriteTile(meshes));
-  ASSERT_TRUE(tile.valid());
+  const SFF2BVH tile = Load(WriteTile(meshes)), packed = Load(WriteTile(meshes, true));
+  ASSERT_TRUE(tile.valid() && packed.valid());
   ASSERT_EQ(tile.getBVH()->getPrimitiveCount(), soup.count());
   int hits = 0;
   for (int q = 0; q < 400; ++q) {
     const ray r = q % 2 ? MakeRay(p(rng), p(rng), 50, 0, 0, -1) : MakeRay(p(rng), p(rng), 50, d(rng), d(rng), -10);
     const hit got = Pick(tile, r), want = fdo::test::BruteForce(soup, r);
     EXPECT_EQ(got.t, want.t);
+    const hit unpacked = Pick(packed, r);  // a compressed tile picks like a plain one
+    EXPECT_EQ(unpacked.primitive, got.primitive);
+    EXPECT_EQ(unpacked.t, got.t);
     if (want.primitive == ~0u) continue;
     ++hits;
     // The reported triangle is one the model hits at that distance.
