@@ -38,6 +38,31 @@ Bytes Noise(std::size_t n, unsigned seed) {
   return b;
 }
 
+// `data` through a deflating stream, written as two pieces split at `split`.
+Bytes Deflate(const Bytes& data, int level = -1, std::size_t split = 0) {
+  sff_buff_os sink;
+  {
+    deflating_output_stream z(sink, level);
+    if (split) z.write(data.data(), split);
+    z.write(data.data() + split, data.size() - split);
+  }
+  return sink.bytes();
+}
+
+// Inflates `packed` in reads of `step` bytes; every read but the last is full
+// and a read after the end gives nothing.
+Bytes Inflate(const Bytes& packed, std::size_t step) {
+  sff_buff_is src(packed.data(), packed.size());
+  inflating_input_stream in(src);
+  Bytes got, chunk(step);
+  for (std::size_t n = step; n == step;) {
+    n = in.read(chunk.data(), step);
+    got.insert(got.end(), chunk.begin(), chunk.begin() + n);
+  }
+  EXPECT_EQ(in.read(chunk.data(), step), 0u) << step;
+  return got;
+}
+
 TEST(SffBuffIs, ReadsPastTheEndReturnZeroAndKeepThePosition) {
   const unsigned char data[5] = {1, 2, 3, 4, 5};
   sff_buff_is in(data, 5);
@@ -89,48 +114,24 @@ TEST(SffFileStreams, OpenFailuresThrowTheirMessagesAndResetRewindsToTheFirstByte
 }
 
 TEST(ZlibStreams, CompressedBytesAreAPlainZlibStream) {
-  const Bytes data = Noise(300000, 1);
-  sff_buff_os sink;
-  {
-    deflating_output_stream z(sink, 1);
-    z.write(data.data(), 100);
-    z.write(data.data() + 100, data.size() - 100);
-  }
+  const Bytes data = Noise(300000, 1), packed = Deflate(data, 1, 100);
   Bytes back(data.size());
   uLongf size = back.size();
-  ASSERT_EQ(uncompress(back.data(), &size, sink.bytes().data(), sink.bytes().size()), Z_OK);
+  ASSERT_EQ(uncompress(back.data(), &size, packed.data(), packed.size()), Z_OK);
   EXPECT_EQ(size, data.size());
   EXPECT_EQ(back, data);
 }
 
 TEST(ZlibStreams, ReadsStraddlingTheBufferMatchOneShotReads) {
-  const Bytes data = Noise(400000, 2);
-  sff_buff_os sink;
-  {
-    deflating_output_stream z(sink);
-    z.write(data.data(), data.size());
-  }
+  const Bytes data = Noise(400000, 2), packed = Deflate(data);
   for (const std::size_t step : {std::size_t{1}, std::size_t{1000}, std::size_t{65535}, std::size_t{65536},
-                                 std::size_t{65537}, std::size_t{131073}, std::size_t{1} << 20}) {
-    sff_buff_is src(sink.bytes().data(), sink.bytes().size());
-    inflating_input_stream in(src);
-    Bytes got;
-    Bytes chunk(step);
-    for (;;) {
-      const std::size_t n = in.read(chunk.data(), step);
-      got.insert(got.end(), chunk.begin(), chunk.begin() + n);
-      if (n < step) break;
-    }
-    EXPECT_EQ(got, data) << step;
-    EXPECT_EQ(in.read(chunk.data(), step), 0u);
-  }
+                                 std::size_t{65537}, std::size_t{131073}, std::size_t{1} << 20})
+    EXPECT_EQ(Inflate(packed, step), data) << step;
 }
 
 TEST(ZlibStreams, ResetRestartsAfterTheCallerRewindsTheSource) {
-  const Bytes data = Noise(100000, 3);
-  sff_buff_os sink;
-  { deflating_output_stream z(sink); z.write(data.data(), data.size()); }
-  sff_buff_is src(sink.bytes().data(), sink.bytes().size());
+  const Bytes data = Noise(100000, 3), packed = Deflate(data);
+  sff_buff_is src(packed.data(), packed.size());
   inflating_input_stream in(src);
   Bytes first(5000);
   ASSERT_EQ(in.read(first.data(), first.size()), first.size());
@@ -142,10 +143,7 @@ TEST(ZlibStreams, ResetRestartsAfterTheCallerRewindsTheSource) {
 }
 
 TEST(ZlibStreams, CorruptDataAndBadLevelsThrowTheirMessages) {
-  const Bytes data = Noise(100000, 4);
-  sff_buff_os sink;
-  { deflating_output_stream z(sink); z.write(data.data(), data.size()); }
-  Bytes bad = sink.bytes();
+  Bytes bad = Deflate(Noise(100000, 4));
   bad[0] ^= 0xFF;  // broken zlib header
   sff_buff_is src(bad.data(), bad.size());
   inflating_input_stream in(src);
@@ -153,6 +151,7 @@ TEST(ZlibStreams, CorruptDataAndBadLevelsThrowTheirMessages) {
   EXPECT_EQ(ErrorOf([&] { in.read(out.data(), out.size()); }), L"Inflate error.");
   EXPECT_EQ(ErrorOf([&] { in.read(out.data(), out.size()); }), L"Inflate error.");
   // A level zlib does not know.
+  sff_buff_os sink;
   EXPECT_EQ(ErrorOf([&] { deflating_output_stream z(sink, 42); }), L"Failed to init ZIP stream");
   EXPECT_EQ(ErrorOf([&] { sff_writer w(sink, true, 42); }), L"Failed to init ZIP stream");
 }
@@ -177,20 +176,9 @@ TEST(ZlibStreams, FinishCompletesTheStreamOnceAndLaterWritesOrBytesAreIgnored) {
 // source is dry.
 TEST(ZlibStreams, PendingOutputAfterTheLastInputIsNotLost) {
   for (const std::size_t size : {std::size_t{1} << 16, std::size_t{3} << 20}) {
-    const Bytes zeros(size, 0);
-    sff_buff_os sink;
-    {
-      deflating_output_stream z(sink, 9);
-      z.write(zeros.data(), zeros.size());
-    }
-    for (const std::size_t step : {std::size_t{1000}, std::size_t{65536}, size}) {
-      sff_buff_is src(sink.bytes().data(), sink.bytes().size());
-      inflating_input_stream in(src);
-      Bytes chunk(step);
-      std::size_t total = 0, n;
-      while ((n = in.read(chunk.data(), step)) > 0) total += n;
-      EXPECT_EQ(total, size) << size << " " << step;
-    }
+    const Bytes zeros(size, 0), packed = Deflate(zeros, 9);
+    for (const std::size_t step : {std::size_t{1000}, std::size_t{65536}, size})
+      EXPECT_EQ(Inflate(packed, step), zeros) << size << " " << step;
   }
 }
 
