@@ -173,36 +173,31 @@ TEST(DdsFile, MissingAndForeignFiles) {
   std::remove(File::NativePath(foreign).c_str());
 }
 
-TEST(DdsFile, ThirtyTwoBitMasksDecideOverThePixelFormatFlags) {
-  Bytes file = ToMemory(RandomImage(4, 4, IImage::RGBA, 1));
-  SetWord(file, At(19), 0);  // no RGB, no alpha-pixels flag
-  auto img = DDSFileUtil::LoadTextureFromBuffer(file.data(), file.size());
-  EXPECT_EQ(img->format(), IImage::RGBA);
-  SetWord(file, At(22), 0xFF00);  // masks of neither order
-  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTextureFromBuffer(file.data(), file.size()); }),
+TEST(DdsFile, EditedHeaderFieldsDecideFormatLevelsAndCubeMap) {
+  // 32-bit masks decide over the pixel format flags.
+  Bytes rgba = ToMemory(RandomImage(4, 4, IImage::RGBA, 1));
+  SetWord(rgba, At(19), 0);  // no RGB, no alpha-pixels flag
+  EXPECT_EQ(DDSFileUtil::LoadTextureFromBuffer(rgba.data(), rgba.size())->format(), IImage::RGBA);
+  SetWord(rgba, At(22), 0xFF00);  // masks of neither order
+  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTextureFromBuffer(rgba.data(), rgba.size()); }),
             L"DDS buffer has unsupported image format. Only DXT1, DXT5, and uncompressed RGBA/BGRA supported.");
-}
 
-TEST(DdsFile, UnsupportedFourCCThrows) {
-  Bytes file = ToMemory(RandomImage(4, 4, IImage::DXT5, 1));
-  SetWord(file, At(20), 0x33545844);  // "DXT3"
-  const std::wstring path = TempPath("dxt3.dds");
-  WriteFile(path, file);
+  Bytes dxt = ToMemory(RandomImage(4, 4, IImage::DXT5, 1));
+  SetWord(dxt, At(20), 0x33545844);  // "DXT3"
+  const std::wstring path = TempPath("edited.dds");
+  WriteFile(path, dxt);
   EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTexture(path); }),
             L"DDS file has unsupported image format. Only DXT1, DXT5, and uncompressed RGBA/BGRA supported.");
   EXPECT_EQ(DDSFileUtil::GetFormat(path), IImage::Unknown);
-  SetWord(file, At(20), kDxt1);
-  SetWord(file, At(19), 0);  // fourCC ignored without its flag
-  EXPECT_THROW(DDSFileUtil::LoadTextureFromBuffer(file.data(), file.size()), wexception);
-  std::remove(File::NativePath(path).c_str());
-}
+  SetWord(dxt, At(20), kDxt1);
+  SetWord(dxt, At(19), 0);  // fourCC ignored without its flag
+  EXPECT_THROW(DDSFileUtil::LoadTextureFromBuffer(dxt.data(), dxt.size()), wexception);
 
-TEST(DdsFile, ZeroMipCountLoadsOneLevelAndCubeMapBitIsReported) {
+  // A zero mip count loads one level; the cube-map bits are reported.
   Bytes file = ToMemory(RandomImage(8, 8, IImage::DXT1, 1));
   SetWord(file, At(6), 0);
   EXPECT_EQ(DDSFileUtil::LoadTextureFromBuffer(file.data(), file.size())->mipLevels(), 1u);
   SetWord(file, At(27), 0x200 | 0x400);
-  const std::wstring path = TempPath("cube.dds");
   WriteFile(path, file);
   EXPECT_TRUE(DDSFileUtil::IsCubeMap(path));
   std::remove(File::NativePath(path).c_str());
