@@ -71,12 +71,6 @@ TEST(String2Color, RoundTripsEveryByteValue) {
   }
 }
 
-TEST(HSVBlending, AllZeroMeansNoColour) {
-  const Color4B c{12, 34, 56, 78};
-  EXPECT_EQ(ColorUtil::HSVBlending(Color4B{}, c), c);
-  EXPECT_EQ(ColorUtil::HSVBlending(c, Color4B{}), c);
-}
-
 TEST(HSVBlending, HueExamples) {
   // Hue 350 (255, 0, 42.5) and hue 30 (255, 127.5, 0): mean 190 > 180 -> 20.
   const Color4B h350{255, 0, 43, 255}, h30{255, 128, 0, 255};
@@ -91,28 +85,37 @@ TEST(HSVBlending, HueExamples) {
 }
 
 TEST(HSVBlending, HandComputedBytes) {
-  // Red and blue: hues 0 and 240 -> mean 120 (not > 180), S 1, V 1 -> green; alpha 1-(1-0.5)(1-0.5).
-  const Color4B out = ColorUtil::HSVBlending(Color4B{255, 0, 0, 128}, Color4B{0, 0, 255, 128});
-  EXPECT_EQ(out, (Color4B{0, 255, 0, 191}));
-  // Two greys: S 0 -> R = G = B = V, truncated.
-  EXPECT_EQ(ColorUtil::HSVBlending(Color4B{100, 100, 100, 255}, Color4B{51, 51, 51, 0}),
-            (Color4B{75, 75, 75, 255}));
+  const Color4B c{12, 34, 56, 78};
+  struct Case {
+    const char* label;
+    Color4B a, b, expected;
+  } cases[] = {
+      {"all zero means no colour", {}, c, c},
+      {"no colour on either side", c, {}, c},
+      // Hues 0 and 240 -> mean 120 (not > 180), S 1, V 1 -> green; alpha 1-(1-0.5)(1-0.5).
+      {"red and blue", {255, 0, 0, 128}, {0, 0, 255, 128}, {0, 255, 0, 191}},
+      // S 0 -> R = G = B = V, truncated.
+      {"two greys", {100, 100, 100, 255}, {51, 51, 51, 0}, {75, 75, 75, 255}},
+  };
+  for (const auto& t : cases) EXPECT_EQ(ColorUtil::HSVBlending(t.a, t.b), t.expected) << t.label;
 }
 
-TEST(CreateProgressionPalette, CountsZeroAndOne) {
+TEST(CreateProgressionPalette, CountsZeroAndOneAndStopsWhenTheSinkSaysSo) {
   EXPECT_TRUE(Palette({1, 2, 3, 4}, {5, 6, 7, 8}, 0, ColorUtil::PaletteRGBA).empty());
   const auto one = Palette({1, 2, 3, 4}, {5, 6, 7, 8}, 1, ColorUtil::PaletteHSVIncreasing);
   ASSERT_EQ(one.size(), 1u);
   EXPECT_EQ(one[0], (Color4B{1, 2, 3, 4}));
+  struct TakeOne : IEnumerate<Color4B> {
+    int calls = 0;
+    bool push(const Color4B&) override { return ++calls < 1; }
+  } sink;
+  ColorUtil::CreateProgressionPalette(sink, {}, {255, 255, 255, 255}, 10, ColorUtil::PaletteRGBA);
+  EXPECT_EQ(sink.calls, 1);
 }
 
 TEST(CreateProgressionPalette, RgbaStepsRoundToNearest) {
   const auto p = Palette({0, 0, 0, 0}, {255, 10, 1, 255}, 4, ColorUtil::PaletteRGBA);
-  ASSERT_EQ(p.size(), 4u);
-  EXPECT_EQ(p[0], (Color4B{0, 0, 0, 0}));
-  EXPECT_EQ(p[1], (Color4B{85, 3, 0, 85}));
-  EXPECT_EQ(p[2], (Color4B{170, 7, 1, 170}));
-  EXPECT_EQ(p[3], (Color4B{255, 10, 1, 255}));
+  EXPECT_EQ(p, (std::vector<Color4B>{{0, 0, 0, 0}, {85, 3, 0, 85}, {170, 7, 1, 170}, {255, 10, 1, 255}}));
 }
 
 TEST(CreateProgressionPalette, HsvDirectionsFollowTheType) {
@@ -135,15 +138,6 @@ TEST(CreateProgressionPalette, HsvDirectionsFollowTheType) {
   // Other types interpolate directly: 120 -> 240 through 180.
   const auto direct = Palette(to, from, 3, static_cast<ColorUtil::EColorPaletteType>(7));
   EXPECT_NEAR(Hue(direct[1]), 180.0, 1.0);
-}
-
-TEST(CreateProgressionPalette, StopsWhenTheSinkSaysSo) {
-  struct TakeOne : IEnumerate<Color4B> {
-    int calls = 0;
-    bool push(const Color4B&) override { return ++calls < 1; }
-  } sink;
-  ColorUtil::CreateProgressionPalette(sink, {}, {255, 255, 255, 255}, 10, ColorUtil::PaletteRGBA);
-  EXPECT_EQ(sink.calls, 1);
 }
 
 }  // namespace

@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "image/codec_test_util.h"
+#include "image/image_test_util.h"
 #include "kel/core/path.h"
 #include "kel/core/text.h"
 #include "kel/core/wexception.h"
@@ -24,6 +24,9 @@ namespace kel {
 namespace {
 
 using Bytes = std::vector<unsigned char>;
+using testing::ErrorOf;
+using testing::RandomImage;
+using testing::ReadFile;
 
 std::uint32_t Word(const Bytes& b, std::size_t offset) {
   return b[offset] | (b[offset + 1] << 8) | (b[offset + 2] << 16) | (std::uint32_t{b[offset + 3]} << 24);
@@ -33,14 +36,6 @@ void SetWord(Bytes& b, std::size_t offset, std::uint32_t v) {
 }
 // Byte offset of header word `field` in a file (after the 4-byte magic).
 constexpr std::size_t At(std::size_t field) { return 4 + 4 * field; }
-
-std::shared_ptr<IImage> RandomImage(std::uint64_t w, std::uint64_t h, IImage::Format f, std::uint64_t levels,
-                                    unsigned seed = 1) {
-  auto img = ImageUtil::CreateImage(w, h, f, levels);
-  std::mt19937 rng(seed);
-  for (std::uint64_t i = 0; i < img->sizeInBytes(); ++i) img->lineData(0, 0)[i] = static_cast<std::uint8_t>(rng());
-  return img;
-}
 
 Bytes ToMemory(const std::shared_ptr<const IImage>& img) {
   Bytes out;
@@ -53,23 +48,9 @@ std::wstring TempPath(const std::string& name) {
   return Utf8String2WString(::testing::TempDir() + "kel_dds_" + std::to_string(::getpid()) + "_" + name);
 }
 
-Bytes ReadFile(const std::wstring& path) {
-  std::ifstream in(File::NativePath(path), std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), {});
-}
-
 void WriteFile(const std::wstring& path, const Bytes& bytes) {
   std::ofstream out(File::NativePath(path), std::ios::binary | std::ios::trunc);
   out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
-
-std::wstring ThrownMessage(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const wexception& e) {
-    return e.message();
-  }
-  return L"(nothing thrown)";
 }
 
 const std::wstring kShortBuffer = L"DDS data is shorter than its header announces: buffer";
@@ -135,12 +116,12 @@ TEST(DdsHeader, OtherFormatsGetABareHeaderAndAWarning) {
 
 // ---- Round trips ---------------------------------------------------------------
 
-TEST(DdsFile, RoundTripsEveryFormatThroughFileAndMemory) {
+TEST(DdsFile, RoundTripsEveryFormatThroughMemoryAndAWidePath) {
   for (auto format : {IImage::RGBA, IImage::BGRA, IImage::DXT1, IImage::DXT5})
     for (std::uint64_t levels : {1, 4}) {
-      auto img = RandomImage(16, 8, format, levels, static_cast<unsigned>(format * 10 + levels));
+      auto img = RandomImage(16, 8, format, static_cast<unsigned>(format * 10 + levels), levels);
       const Bytes memory = ToMemory(img);
-      const std::wstring path = TempPath("roundtrip.dds");
+      const std::wstring path = TempPath("caf\u00E9_\u5730\u56FE.dds");  // opened by its native name
       DDSFileUtil::SaveTexture(img, path);
       EXPECT_EQ(ReadFile(path), memory);
       EXPECT_EQ(DDSFileUtil::GetFormat(path), format);
@@ -157,17 +138,7 @@ TEST(DdsFile, RoundTripsEveryFormatThroughFileAndMemory) {
     }
 }
 
-TEST(DdsFile, WidePathsAreOpenedByTheirNativeName) {
-  const std::wstring path = TempPath("caf\u00E9_\u5730\u56FE.dds");
-  auto img = RandomImage(8, 8, IImage::DXT5, 1);
-  DDSFileUtil::SaveTexture(img, path);
-  auto loaded = DDSFileUtil::LoadTexture(path);
-  ASSERT_NE(loaded, nullptr);
-  EXPECT_EQ(testing::Bytes(*loaded), testing::Bytes(*img));
-  std::remove(File::NativePath(path).c_str());
-}
-
-TEST(DdsFile, EmptyImagesAreNotSaved) {
+TEST(DdsFile, EmptyImagesAreNotSavedAndFailedSavesThrowWithThePath) {
   testing::LogRecorder log;
   const std::wstring path = TempPath("empty.dds");
   std::remove(File::NativePath(path).c_str());
@@ -180,12 +151,9 @@ TEST(DdsFile, EmptyImagesAreNotSaved) {
   DDSFileUtil::SaveTextureToMemory(out, ImageUtil::CreateImage(4, 0, IImage::DXT1, 1));
   EXPECT_EQ(out, (Bytes{1, 2, 3}));
   EXPECT_TRUE(log.contains("image is null or empty. no buffer created."));
-}
-
-TEST(DdsFile, FailedSaveThrowsWithThePath) {
-  const std::wstring path = TempPath("no_such_dir/x.dds");
-  EXPECT_EQ(ThrownMessage([&] { DDSFileUtil::SaveTexture(RandomImage(4, 4, IImage::RGBA, 1), path); }),
-            L"Failed to save DDS file: " + path);
+  const std::wstring bad = TempPath("no_such_dir/x.dds");
+  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::SaveTexture(RandomImage(4, 4, IImage::RGBA, 1), bad); }),
+            L"Failed to save DDS file: " + bad);
 }
 
 // ---- Reading odd headers ------------------------------------------------------------
@@ -205,67 +173,56 @@ TEST(DdsFile, MissingAndForeignFiles) {
   std::remove(File::NativePath(foreign).c_str());
 }
 
-TEST(DdsFile, ThirtyTwoBitMasksDecideOverThePixelFormatFlags) {
-  Bytes file = ToMemory(RandomImage(4, 4, IImage::RGBA, 1));
-  SetWord(file, At(19), 0);  // no RGB, no alpha-pixels flag
-  auto img = DDSFileUtil::LoadTextureFromBuffer(file.data(), file.size());
-  EXPECT_EQ(img->format(), IImage::RGBA);
-  SetWord(file, At(22), 0xFF00);  // masks of neither order
-  EXPECT_EQ(ThrownMessage([&] { DDSFileUtil::LoadTextureFromBuffer(file.data(), file.size()); }),
+TEST(DdsFile, EditedHeaderFieldsDecideFormatLevelsAndCubeMap) {
+  // 32-bit masks decide over the pixel format flags.
+  Bytes rgba = ToMemory(RandomImage(4, 4, IImage::RGBA, 1));
+  SetWord(rgba, At(19), 0);  // no RGB, no alpha-pixels flag
+  EXPECT_EQ(DDSFileUtil::LoadTextureFromBuffer(rgba.data(), rgba.size())->format(), IImage::RGBA);
+  SetWord(rgba, At(22), 0xFF00);  // masks of neither order
+  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTextureFromBuffer(rgba.data(), rgba.size()); }),
             L"DDS buffer has unsupported image format. Only DXT1, DXT5, and uncompressed RGBA/BGRA supported.");
-}
 
-TEST(DdsFile, UnsupportedFourCCThrows) {
-  Bytes file = ToMemory(RandomImage(4, 4, IImage::DXT5, 1));
-  SetWord(file, At(20), 0x33545844);  // "DXT3"
-  const std::wstring path = TempPath("dxt3.dds");
-  WriteFile(path, file);
-  EXPECT_EQ(ThrownMessage([&] { DDSFileUtil::LoadTexture(path); }),
+  Bytes dxt = ToMemory(RandomImage(4, 4, IImage::DXT5, 1));
+  SetWord(dxt, At(20), 0x33545844);  // "DXT3"
+  const std::wstring path = TempPath("edited.dds");
+  WriteFile(path, dxt);
+  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTexture(path); }),
             L"DDS file has unsupported image format. Only DXT1, DXT5, and uncompressed RGBA/BGRA supported.");
   EXPECT_EQ(DDSFileUtil::GetFormat(path), IImage::Unknown);
-  SetWord(file, At(20), kDxt1);
-  SetWord(file, At(19), 0);  // fourCC ignored without its flag
-  EXPECT_THROW(DDSFileUtil::LoadTextureFromBuffer(file.data(), file.size()), wexception);
-  std::remove(File::NativePath(path).c_str());
-}
+  SetWord(dxt, At(20), kDxt1);
+  SetWord(dxt, At(19), 0);  // fourCC ignored without its flag
+  EXPECT_THROW(DDSFileUtil::LoadTextureFromBuffer(dxt.data(), dxt.size()), wexception);
 
-TEST(DdsFile, ZeroMipCountLoadsOneLevelAndCubeMapBitIsReported) {
+  // A zero mip count loads one level; the cube-map bits are reported.
   Bytes file = ToMemory(RandomImage(8, 8, IImage::DXT1, 1));
   SetWord(file, At(6), 0);
   EXPECT_EQ(DDSFileUtil::LoadTextureFromBuffer(file.data(), file.size())->mipLevels(), 1u);
   SetWord(file, At(27), 0x200 | 0x400);
-  const std::wstring path = TempPath("cube.dds");
   WriteFile(path, file);
   EXPECT_TRUE(DDSFileUtil::IsCubeMap(path));
   std::remove(File::NativePath(path).c_str());
 }
 
-TEST(DdsBuffer, RejectsShortOrForeignBuffers) {
-  const Bytes file = ToMemory(RandomImage(4, 4, IImage::RGBA, 1));
-  EXPECT_EQ(ThrownMessage([&] { DDSFileUtil::LoadTextureFromBuffer(file.data(), 127); }),
-            L"No valid dds data in buffer");
-  Bytes noSpace = file;
-  noSpace[3] = 0;
-  EXPECT_EQ(ThrownMessage([&] { DDSFileUtil::LoadTextureFromBuffer(noSpace.data(), noSpace.size()); }),
-            L"No valid dds data in buffer");
-  EXPECT_EQ(ThrownMessage([&] { DDSFileUtil::LoadTextureFromBuffer(nullptr, 1000); }), L"No valid dds data in buffer");
-}
-
-TEST(DdsBuffer, RejectsEveryTruncatedPrefix) {
-  const Bytes file = ToMemory(RandomImage(16, 8, IImage::DXT5, 3));
+TEST(DdsBuffer, RejectsEveryTruncatedPrefixAndForeignMagic) {
+  const Bytes file = ToMemory(RandomImage(16, 8, IImage::DXT5, 1, 3));
   for (std::size_t n = 0; n < file.size(); ++n) {
-    const std::wstring message = ThrownMessage([&] { DDSFileUtil::LoadTextureFromBuffer(file.data(), n); });
+    const std::wstring message = ErrorOf([&] { DDSFileUtil::LoadTextureFromBuffer(file.data(), n); });
     EXPECT_EQ(message, n < 128 ? L"No valid dds data in buffer" : kShortBuffer) << "prefix " << n;
   }
   EXPECT_NE(DDSFileUtil::LoadTextureFromBuffer(file.data(), file.size()), nullptr);
+  Bytes noSpace = file;
+  noSpace[3] = 0;
+  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTextureFromBuffer(noSpace.data(), noSpace.size()); }),
+            L"No valid dds data in buffer");
+  EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTextureFromBuffer(nullptr, 1000); }), L"No valid dds data in buffer");
 }
 
 TEST(DdsFile, RejectsTruncatedFiles) {
-  const Bytes file = ToMemory(RandomImage(8, 8, IImage::RGBA, 2));
+  const Bytes file = ToMemory(RandomImage(8, 8, IImage::RGBA, 1, 2));
   const std::wstring path = TempPath("truncated.dds");
   for (std::size_t n = 4; n < file.size(); n += 7) {
     WriteFile(path, Bytes(file.begin(), file.begin() + n));
-    EXPECT_EQ(ThrownMessage([&] { DDSFileUtil::LoadTexture(path); }),
+    EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTexture(path); }),
               L"DDS data is shorter than its header announces: " + path)
         << "prefix " << n;
   }
@@ -280,16 +237,14 @@ TEST(DdsBuffer, HugeHeadersAreRefusedBeforeAllocating) {
       SetWord(file, At(3), w);
       SetWord(file, At(2), h);
       SetWord(file, At(6), levels);
-      EXPECT_EQ(ThrownMessage([&] { DDSFileUtil::LoadTextureFromBuffer(file.data(), file.size()); }), kShortBuffer);
+      EXPECT_EQ(ErrorOf([&] { DDSFileUtil::LoadTextureFromBuffer(file.data(), file.size()); }), kShortBuffer);
     }
   }
 }
 
 // ---- Files written by another tool ----------------------------------------------------
 
-Bytes Fixture(const char* name) {
-  return ReadFile(Utf8String2WString(std::string(KEL_TEST_DATA_DIR) + "/image/" + name));
-}
+Bytes Fixture(const char* name) { return ReadFile(testing::DataPath(name)); }
 
 struct ForeignCase {
   const char* file;
@@ -305,7 +260,7 @@ TEST_P(DdsForeign, LoadsAndDecodesToThePicture) {
   const Bytes source = Fixture("source32.rgba"), theirs = Fixture(c.decoded);
   ASSERT_EQ(source.size(), 32u * 32 * 4);
   ASSERT_EQ(theirs.size(), 32u * 32 * 4);
-  const std::wstring path = Utf8String2WString(std::string(KEL_TEST_DATA_DIR) + "/image/" + c.file);
+  const std::wstring path = testing::DataPath(c.file);
   EXPECT_EQ(DDSFileUtil::GetFormat(path), c.format);
   auto img = DDSFileUtil::LoadTexture(path);
   ASSERT_NE(img, nullptr);

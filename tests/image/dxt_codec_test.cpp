@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "image/codec_test_util.h"
+#include "image/image_test_util.h"
 #include "image/detail/dxt_block.h"
 #include "kel/image/image_util.h"
 
@@ -12,6 +12,7 @@ namespace kel {
 namespace {
 
 using testing::Bytes;
+using testing::FromBytes;
 using testing::MakeImage;
 using testing::PixelAt;
 using Block = std::vector<std::uint8_t>;
@@ -23,34 +24,8 @@ Block Encode(const std::vector<Color4B>& px, IImage::Format target, IImage::Form
   return Bytes(*out);
 }
 
-std::shared_ptr<IImage> BlockImage(const Block& bytes, IImage::Format format, std::uint64_t w = 4,
-                                   std::uint64_t h = 4) {
-  auto img = ImageUtil::CreateImage(w, h, format, 1);
-  std::memcpy(img->lineData(0, 0), bytes.data(), std::min<std::size_t>(bytes.size(), img->sizeInBytes()));
-  return img;
-}
 
 // ---- Encoder: hand-checked blocks -------------------------------------------
-
-TEST(DxtEncoder, UniformBlockUsesThreeColourModeWithEqualEndpoints) {
-  // (200, 100, 50) masks to (200, 100, 48): 5:6:5 fields 25, 25, 6 = 0xCB26.
-  EXPECT_EQ(Encode(Fill({200, 100, 50, 255}), IImage::DXT1), (Block{0x26, 0xCB, 0x26, 0xCB, 0, 0, 0, 0}));
-  // Decodes to the masked colour with odd fields filled with ones: 207, 103, 48.
-  auto back = ImageUtil::DecompressImage(BlockImage({0x26, 0xCB, 0x26, 0xCB, 0, 0, 0, 0}, IImage::DXT1),
-                                         IImage::RGBA);
-  for (int i = 0; i < 16; ++i) EXPECT_EQ(PixelAt(*back, i & 3, i >> 2), (Color4B{207, 103, 48, 255}));
-}
-
-TEST(DxtEncoder, FullyTransparentDxt1BlockTakesPixelZeroAndIndexThree) {
-  std::vector<Color4B> px(16);
-  for (int i = 0; i < 16; ++i) px[i] = {static_cast<std::uint8_t>(17 * i), 200, 9, static_cast<std::uint8_t>(i * 8)};
-  px[0] = {10, 20, 30, 0};
-  // Pixel 0 masked: (8, 20, 24) = fields 1, 5, 3 = 0x08A3.
-  const Block expected{0xA3, 0x08, 0xA3, 0x08, 0xFF, 0xFF, 0xFF, 0xFF};
-  EXPECT_EQ(Encode(px, IImage::DXT1), expected);
-  auto back = ImageUtil::DecompressImage(BlockImage(expected, IImage::DXT1), IImage::RGBA);
-  for (int i = 0; i < 16; ++i) EXPECT_EQ(PixelAt(*back, i & 3, i >> 2), (Color4B{0, 0, 0, 0}));
-}
 
 std::vector<Color4B> PunchThroughBlock(std::uint8_t alpha0) {
   auto px = Fill({96, 96, 96, 255});
@@ -59,28 +34,50 @@ std::vector<Color4B> PunchThroughBlock(std::uint8_t alpha0) {
   return px;
 }
 
-TEST(DxtEncoder, AlphaBelow128IsPunchedThroughInDxt1) {
-  // Transparent pixel 0 is skipped; grey (0x630C) and light grey (0xCE59) are
-  // ordered colour 0 <= colour 1; pixel 0 gets index 3, pixel 5 index 1.
-  EXPECT_EQ(Encode(PunchThroughBlock(127), IImage::DXT1), (Block{0x0C, 0x63, 0x59, 0xCE, 0x03, 0x04, 0, 0}));
+TEST(DxtEncoder, HandCheckedBlocks) {
+  std::vector<Color4B> transparent(16), lowering = Fill({0, 4, 0, 255}), alpha5 = Fill({0, 0, 0, 10});
+  for (int i = 0; i < 16; ++i)
+    transparent[i] = {static_cast<std::uint8_t>(17 * i), 200, 9, static_cast<std::uint8_t>(i * 8)};
+  transparent[0] = {10, 20, 30, 0};
+  lowering[0] = {0, 20, 0, 255};
+  lowering[2] = {0, 12, 0, 255};
+  alpha5[1].a = 240;
+  alpha5[5].a = 75;
+  struct Case {
+    const char* label;
+    std::vector<Color4B> px;
+    IImage::Format target;
+    Block expected;  // the first 8 bytes
+  } cases[] = {
+      // (200, 100, 50) masks to (200, 100, 48): 5:6:5 fields 25, 25, 6 = 0xCB26; three-colour mode.
+      {"uniform block has equal endpoints", Fill({200, 100, 50, 255}), IImage::DXT1, {0x26, 0xCB, 0x26, 0xCB, 0, 0, 0, 0}},
+      // Pixel 0 masked: (8, 20, 24) = fields 1, 5, 3 = 0x08A3; every index 3.
+      {"fully transparent takes pixel zero", transparent, IImage::DXT1, {0xA3, 0x08, 0xA3, 0x08, 0xFF, 0xFF, 0xFF, 0xFF}},
+      // Transparent pixel 0 is skipped; grey (0x630C) and light grey (0xCE59) are
+      // ordered colour 0 <= colour 1; pixel 0 gets index 3, pixel 5 index 1.
+      {"alpha 127 is punched through", PunchThroughBlock(127), IImage::DXT1, {0x0C, 0x63, 0x59, 0xCE, 0x03, 0x04, 0, 0}},
+      // Red (0xF800) is the darkest by key and colour 0 > colour 1 (four colours):
+      // palette (248,0,0), (200,200,200), (232,64,64), (216,132,128).
+      {"alpha 128 is opaque", PunchThroughBlock(128), IImage::DXT1, {0x00, 0xF8, 0x59, 0xCE, 0xFC, 0xF7, 0xFF, 0xFF}},
+      // Keys 20, 4, 12 at pixels 0, 1, 2 (the rest like pixel 1): pixel 0 is the
+      // brightest but lowered the minimum first, so pixels 1 and 2 are the ends.
+      {"pixel lowering the minimum is never the maximum", lowering, IImage::DXT1,
+       {0x60, 0x00, 0x20, 0x00, 0x44, 0x55, 0x55, 0x55}},
+      // Alpha 0 = 0, alpha 1 = 255, six-value mode. Each pixel takes the first exact
+      // match in scan order: entry 1, not the later entry 7 that also holds 255.
+      {"opaque alpha uses six-value mode", Fill({1, 2, 3, 255}), IImage::DXT5,
+       {0x00, 0xFF, 0x49, 0x92, 0x24, 0x49, 0x92, 0x24}},
+      // Eight-value mode between 240 and 10; pixel 5 is entry 6 (alpha 75). The usual layout
+      // would end in 0x27 0x49 0x92 0x24; pixel 5's bits 1-2 land on bits 33-34.
+      {"pixel five index bits one higher", alpha5, IImage::DXT5, {0xF0, 0x0A, 0x41, 0x12, 0x26, 0x49, 0x92, 0x24}},
+  };
+  for (const auto& c : cases) {
+    const Block b = Encode(c.px, c.target);
+    EXPECT_EQ(Block(b.begin(), b.begin() + 8), c.expected) << c.label;
+  }
 }
 
-TEST(DxtEncoder, Alpha128IsOpaqueInDxt1) {
-  // Red (0xF800) is the darkest by key and colour 0 > colour 1 (four colours):
-  // palette (248,0,0), (200,200,200), (232,64,64), (216,132,128).
-  EXPECT_EQ(Encode(PunchThroughBlock(128), IImage::DXT1), (Block{0x00, 0xF8, 0x59, 0xCE, 0xFC, 0xF7, 0xFF, 0xFF}));
-}
-
-TEST(DxtEncoder, PixelThatLowersTheMinimumIsNeverTakenAsMaximum) {
-  // Keys 20, 4, 12 at pixels 0, 1, 2 (the rest like pixel 1): pixel 0 is the
-  // brightest but lowered the minimum first, so pixels 1 and 2 are the ends.
-  auto px = Fill({0, 4, 0, 255});
-  px[0] = {0, 20, 0, 255};
-  px[2] = {0, 12, 0, 255};
-  EXPECT_EQ(Encode(px, IImage::DXT1), (Block{0x60, 0x00, 0x20, 0x00, 0x44, 0x55, 0x55, 0x55}));
-}
-
-TEST(DxtEncoder, DarkestAndBrightestPixelsBecomeTheEndpoints) {
+TEST(DxtEncoder, EndpointsAreTheDarkestAndBrightestUnderTheElseIfScan) {
   auto px = Fill({128, 128, 128, 255});
   px[3] = px[9] = {8, 8, 8, 255};
   px[4] = px[12] = {248, 248, 248, 255};
@@ -88,50 +85,19 @@ TEST(DxtEncoder, DarkestAndBrightestPixelsBecomeTheEndpoints) {
   // colour 0 = brightest (0xFFDF), colour 1 = darkest (0x0841).
   EXPECT_EQ(b[0] | (b[1] << 8), 0xFFDF);
   EXPECT_EQ(b[2] | (b[3] << 8), 0x0841);
-}
-
-TEST(DxtEncoder, AllOpaqueAlphaEncodesSixValueModeFromZeroTo255) {
-  // Alpha 0 = 0, alpha 1 = 255, six-value mode. Each pixel takes the first
-  // exact match in scan order: entry 1, not the later entry 7 that also holds
-  // 255 (both decode the same).
-  const Block b = Encode(Fill({1, 2, 3, 255}), IImage::DXT5);
-  EXPECT_EQ(Block(b.begin(), b.begin() + 8), (Block{0x00, 0xFF, 0x49, 0x92, 0x24, 0x49, 0x92, 0x24}));
-  auto back = ImageUtil::DecompressImage(BlockImage(b, IImage::DXT5), IImage::RGBA);
-  for (int i = 0; i < 16; ++i) EXPECT_EQ(PixelAt(*back, i & 3, i >> 2).a, 255);
-}
-
-TEST(DxtEncoder, PixelFiveUpperIndexBitsArePackedOneBitHigher) {
-  // Eight-value mode between 240 and 10; pixel 5 is entry 6 (alpha 75).
-  auto px = Fill({0, 0, 0, 10});
-  px[1].a = 240;
-  px[5].a = 75;
-  const Block b = Encode(px, IImage::DXT5);
-  // Usual layout would end in 0x27 0x49 0x92 0x24; pixel 5's bits 1-2 land on bits 33-34.
-  EXPECT_EQ(Block(b.begin(), b.begin() + 8), (Block{0xF0, 0x0A, 0x41, 0x12, 0x26, 0x49, 0x92, 0x24}));
-  // The decoder reads the usual layout: pixel 5 comes back as entry 4 (141).
-  auto back = ImageUtil::DecompressImage(BlockImage(b, IImage::DXT5), IImage::RGBA);
-  EXPECT_EQ(PixelAt(*back, 1, 1).a, 141);
-  EXPECT_EQ(PixelAt(*back, 2, 1).a, 10);
-  EXPECT_EQ(PixelAt(*back, 1, 0).a, 240);
-}
-
-TEST(DxtEncoder, AlphaScanUsesTheSameElseIfRule) {
   // Falling alphas only ever lower the minimum: the maximum stays 0, so the
   // endpoints stay unswapped (alpha 0 = 50 > alpha 1 = 0) in eight-value mode.
-  std::vector<Color4B> px(16);
-  for (int i = 0; i < 16; ++i) px[i] = {0, 0, 0, static_cast<std::uint8_t>(200 - 10 * i)};
-  const Block b = Encode(px, IImage::DXT5);
-  EXPECT_EQ(b[0], 50);
-  EXPECT_EQ(b[1], 0);
+  std::vector<Color4B> falling(16);
+  for (int i = 0; i < 16; ++i) falling[i] = {0, 0, 0, static_cast<std::uint8_t>(200 - 10 * i)};
+  const Block a = Encode(falling, IImage::DXT5);
+  EXPECT_EQ(a[0], 50);
+  EXPECT_EQ(a[1], 0);
 }
 
-TEST(DxtEncoder, Dxt5ColourHalfIgnoresAlpha) {
+TEST(DxtEncoder, Dxt5ColourHalfIgnoresAlphaAndBgraSourcesGiveTheSameBlocks) {
   const Block dxt1 = Encode(PunchThroughBlock(128), IImage::DXT1);
   const Block dxt5 = Encode(PunchThroughBlock(0), IImage::DXT5);
   EXPECT_EQ(Block(dxt5.begin() + 8, dxt5.end()), dxt1);
-}
-
-TEST(DxtEncoder, BgraSourceGivesTheSameBlocks) {
   std::mt19937 rng(7);
   std::vector<Color4B> px(64);
   for (auto& c : px) c = {static_cast<std::uint8_t>(rng()), static_cast<std::uint8_t>(rng()),
@@ -145,59 +111,65 @@ TEST(DxtEncoder, BgraSourceGivesTheSameBlocks) {
 
 // ---- Decoder ------------------------------------------------------------------
 
-TEST(DxtDecoder, ExpandsFieldsWithOnesOnlyWhenTheLowBitIsSet) {
-  // c0 = (1,1,1) -> (15,7,15); c1 = (2,2,2) -> (16,8,16); c0 <= c1: three colours.
-  const Block b{0x21, 0x08, 0x42, 0x10, 0xE4, 0x00, 0x00, 0x00};  // pixels 0..3 take indices 0,1,2,3
-  auto rgba = ImageUtil::DecompressImage(BlockImage(b, IImage::DXT1), IImage::RGBA);
-  EXPECT_EQ(PixelAt(*rgba, 0, 0), (Color4B{15, 7, 15, 255}));
-  EXPECT_EQ(PixelAt(*rgba, 1, 0), (Color4B{16, 8, 16, 255}));
-  EXPECT_EQ(PixelAt(*rgba, 2, 0), (Color4B{15, 7, 15, 255}));
-  EXPECT_EQ(PixelAt(*rgba, 3, 0), (Color4B{0, 0, 0, 0}));
-  EXPECT_EQ(PixelAt(*rgba, 0, 1), (Color4B{15, 7, 15, 255}));
-}
-
-TEST(DxtDecoder, FourColourPaletteDividesByThree) {
-  // Red over blue; any target other than RGBA gets red in byte 2.
-  const Block b{0x00, 0xF8, 0x1F, 0x00, 0xE4, 0xE4, 0xE4, 0xE4};
-  auto rgba = ImageUtil::DecompressImage(BlockImage(b, IImage::DXT1), IImage::RGBA);
-  EXPECT_EQ(PixelAt(*rgba, 0, 2), (Color4B{255, 0, 0, 255}));
-  EXPECT_EQ(PixelAt(*rgba, 1, 2), (Color4B{0, 0, 255, 255}));
-  EXPECT_EQ(PixelAt(*rgba, 2, 2), (Color4B{170, 0, 85, 255}));
-  EXPECT_EQ(PixelAt(*rgba, 3, 2), (Color4B{85, 0, 170, 255}));
-  auto bgra = ImageUtil::DecompressImage(BlockImage(b, IImage::DXT1), IImage::BGRA);
+TEST(DxtDecoder, HandCheckedBlocks) {
+  struct Expect {
+    int x, y;  // x < 0: every pixel
+    Color4B c;
+    bool alphaOnly = false;
+  };
+  const std::uint8_t six = 6 | (7 << 3);  // pixel 0 index 6, pixel 1 index 7, the rest 0
+  struct Case {
+    const char* label;
+    Block block;
+    IImage::Format format;
+    std::vector<Expect> expect;
+  } cases[] = {
+      // Decodes to the masked colour with odd fields filled with ones.
+      {"uniform 0xCB26", {0x26, 0xCB, 0x26, 0xCB, 0, 0, 0, 0}, IImage::DXT1, {{-1, 0, {207, 103, 48, 255}}}},
+      {"three-colour index 3 is transparent black", {0xA3, 0x08, 0xA3, 0x08, 0xFF, 0xFF, 0xFF, 0xFF}, IImage::DXT1,
+       {{-1, 0, {0, 0, 0, 0}}}},
+      // c0 = (1,1,1) -> (15,7,15); c1 = (2,2,2) -> (16,8,16); c0 <= c1: three colours.
+      {"fields expand with ones only when the low bit is set", {0x21, 0x08, 0x42, 0x10, 0xE4, 0, 0, 0}, IImage::DXT1,
+       {{0, 0, {15, 7, 15, 255}}, {1, 0, {16, 8, 16, 255}}, {2, 0, {15, 7, 15, 255}}, {3, 0, {0, 0, 0, 0}},
+        {0, 1, {15, 7, 15, 255}}}},
+      {"four-colour palette divides by three", {0x00, 0xF8, 0x1F, 0x00, 0xE4, 0xE4, 0xE4, 0xE4}, IImage::DXT1,
+       {{0, 2, {255, 0, 0, 255}}, {1, 2, {0, 0, 255, 255}}, {2, 2, {170, 0, 85, 255}}, {3, 2, {85, 0, 170, 255}}}},
+      // c0 <= c1 would be three colours in DXT1; DXT5 still divides by three.
+      {"DXT5 colour half always uses four colours",
+       {0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0x1F, 0x00, 0x00, 0xF8, 0xFF, 0xFF, 0xFF, 0xFF}, IImage::DXT5,
+       {{0, 0, {170, 0, 85, 255}}}},
+      {"six-value alpha from 0 to 255", {0x00, 0xFF, 0x49, 0x92, 0x24, 0x49, 0x92, 0x24, 0, 0, 0, 0, 0, 0, 0, 0},
+       IImage::DXT5, {{-1, 0, {0, 0, 0, 255}, true}}},
+      // The decoder reads the usual layout: the encoder's pixel 5 comes back as entry 4 (141).
+      {"pixel five in the usual layout", {0xF0, 0x0A, 0x41, 0x12, 0x26, 0x49, 0x92, 0x24, 0, 0, 0, 0, 0, 0, 0, 0},
+       IImage::DXT5, {{1, 1, {0, 0, 0, 141}, true}, {2, 1, {0, 0, 0, 10}, true}, {1, 0, {0, 0, 0, 240}, true}}},
+      // a0 == a1: eight-value palette, so indices 6 and 7 give 100, not 0 and 255.
+      {"equal alpha endpoints", {100, 100, six, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, IImage::DXT5,
+       {{0, 0, {0, 0, 0, 100}, true}, {1, 0, {0, 0, 0, 100}, true}}},
+      {"a0 < a1 has 0 and 255 at the end", {10, 100, six, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, IImage::DXT5,
+       {{0, 0, {0, 0, 0, 0}, true}, {1, 0, {0, 0, 0, 255}, true}, {2, 0, {0, 0, 0, 10}, true}}},
+  };
+  for (const auto& c : cases) {
+    auto rgba = ImageUtil::DecompressImage(FromBytes(4, 4, c.format, c.block), IImage::RGBA);
+    ASSERT_NE(rgba, nullptr) << c.label;
+    for (const Expect& e : c.expect)
+      for (int i = 0; i < 16; ++i) {
+        const int x = e.x < 0 ? i & 3 : e.x, y = e.x < 0 ? i >> 2 : e.y;
+        if (e.alphaOnly)
+          EXPECT_EQ(PixelAt(*rgba, x, y).a, e.c.a) << c.label << " pixel " << x << "," << y;
+        else
+          EXPECT_EQ(PixelAt(*rgba, x, y), e.c) << c.label << " pixel " << x << "," << y;
+        if (e.x >= 0) break;
+      }
+  }
+  // Any target other than RGBA gets red in byte 2.
+  const Block redBlue{0x00, 0xF8, 0x1F, 0x00, 0xE4, 0xE4, 0xE4, 0xE4};
+  auto bgra = ImageUtil::DecompressImage(FromBytes(4, 4, IImage::DXT1, redBlue), IImage::BGRA);
   EXPECT_EQ(bgra->lineData(0, 0)[2], 255);
   EXPECT_EQ(bgra->lineData(0, 0)[0], 0);
-  auto other = ImageUtil::DecompressImage(BlockImage(b, IImage::DXT1), IImage::Float32);
-  EXPECT_EQ(other->lineData(0, 0)[2], 255);
-}
-
-TEST(DxtDecoder, Dxt5ColourHalfAlwaysUsesFourColours) {
-  // c0 <= c1 would be three colours in DXT1; DXT5 still divides by three and
-  // takes alpha from the alpha block.
-  const Block b{0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0x1F, 0x00, 0x00, 0xF8, 0xFF, 0xFF, 0xFF, 0xFF};
-  auto rgba = ImageUtil::DecompressImage(BlockImage(b, IImage::DXT5), IImage::RGBA);
-  EXPECT_EQ(PixelAt(*rgba, 0, 0), (Color4B{170, 0, 85, 255}));
-}
-
-TEST(DxtDecoder, EqualAlphaEndpointsDecodeEntriesSixAndSevenAsAlphaZero) {
-  // a0 == a1 = 100: eight-value palette, so indices 6 and 7 give 100, not 0 and 255.
-  // Pixel 0 index 6, pixel 1 index 7, the rest 0.
-  const std::uint64_t bits = 6 | (7 << 3);
-  Block b{100, 100, static_cast<std::uint8_t>(bits), static_cast<std::uint8_t>(bits >> 8), 0, 0, 0, 0,
-          0, 0, 0, 0, 0, 0, 0, 0};
-  auto rgba = ImageUtil::DecompressImage(BlockImage(b, IImage::DXT5), IImage::RGBA);
-  EXPECT_EQ(PixelAt(*rgba, 0, 0).a, 100);
-  EXPECT_EQ(PixelAt(*rgba, 1, 0).a, 100);
-  // a0 < a1: six-value palette with 0 and 255 at the end.
-  b[0] = 10;
-  rgba = ImageUtil::DecompressImage(BlockImage(b, IImage::DXT5), IImage::RGBA);
-  EXPECT_EQ(PixelAt(*rgba, 0, 0).a, 0);
-  EXPECT_EQ(PixelAt(*rgba, 1, 0).a, 255);
-  EXPECT_EQ(PixelAt(*rgba, 2, 0).a, 10);
-}
-
-TEST(DxtDecoder, NonDxt5SourcesDecodeAsDxt1) {
-  auto src = BlockImage({0x00, 0xF8, 0x1F, 0x00, 0, 0, 0, 0}, IImage::RGBA, 2, 1);
+  EXPECT_EQ(ImageUtil::DecompressImage(FromBytes(4, 4, IImage::DXT1, redBlue), IImage::Float32)->lineData(0, 0)[2], 255);
+  // Sources that are not DXT5 decode as DXT1.
+  auto src = FromBytes(2, 1, IImage::RGBA, {0x00, 0xF8, 0x1F, 0x00, 0, 0, 0, 0});
   auto out = ImageUtil::DecompressImage(src, IImage::RGBA);
   ASSERT_NE(out, nullptr);
   EXPECT_EQ(out->width(), 2u);
@@ -223,7 +195,7 @@ TEST(DxtCodec, RoundTripKeepsTwoColourBlocksExactAfterMasking) {
   }
 }
 
-TEST(DxtCodec, KeepsOnlyLevelZeroAndTheSourceSize) {
+TEST(DxtCodec, KeepsOnlyLevelZeroAndTheSourceSizeAndRefusesNullOrUnsupportedInputs) {
   auto src = ImageUtil::CreateImage(256, 256, IImage::RGBA, 9);
   std::memset(src->lineData(0, 0), 0x80, src->sizeInBytes());
   auto out = ImageUtil::CompressImage(src, IImage::DXT5);
@@ -231,9 +203,6 @@ TEST(DxtCodec, KeepsOnlyLevelZeroAndTheSourceSize) {
   EXPECT_EQ(out->width(), 256u);
   EXPECT_EQ(out->format(), IImage::DXT5);
   EXPECT_EQ(out->sizeInBytes(), 65536u);
-}
-
-TEST(DxtCodec, NullAndUnsupportedInputs) {
   EXPECT_EQ(ImageUtil::CompressImage(nullptr, IImage::DXT1), nullptr);
   EXPECT_EQ(ImageUtil::DecompressImage(nullptr, IImage::RGBA), nullptr);
   auto rgba = MakeImage(4, 4, Fill({1, 2, 3, 4}));
@@ -241,8 +210,8 @@ TEST(DxtCodec, NullAndUnsupportedInputs) {
   ASSERT_NE(unwritten, nullptr);
   EXPECT_EQ(unwritten->format(), IImage::BGRA);
   testing::LogRecorder log;
-  EXPECT_EQ(ImageUtil::CompressImage(BlockImage(Block(8), IImage::DXT1), IImage::DXT5), nullptr);
-  EXPECT_EQ(ImageUtil::DecompressImage(BlockImage(Block(8), IImage::DXT1), IImage::DXT5), nullptr);
+  EXPECT_EQ(ImageUtil::CompressImage(FromBytes(4, 4, IImage::DXT1, Block(8)), IImage::DXT5), nullptr);
+  EXPECT_EQ(ImageUtil::DecompressImage(FromBytes(4, 4, IImage::DXT1, Block(8)), IImage::DXT5), nullptr);
   EXPECT_EQ(log.messages().size(), 2u);
 }
 
@@ -297,13 +266,10 @@ TEST(DxtCodec, ArraysAreReplacedInPlace) {
 
 // ---- ForceFormat ------------------------------------------------------------------
 
-TEST(ForceFormat, SameFormatOrNullReturnsTheSourceItself) {
+TEST(ForceFormat, ReturnsTheSourceItselfForItsFormatAndConvertsEverySupportedPair) {
   EXPECT_EQ(ImageUtil::ForceFormat(nullptr, IImage::DXT1), nullptr);
   std::shared_ptr<const IImage> src = MakeImage(4, 4, Fill({1, 2, 3, 4}));
   EXPECT_EQ(ImageUtil::ForceFormat(src, IImage::RGBA).get(), src.get());
-}
-
-TEST(ForceFormat, ConvertsBetweenEverySupportedPair) {
   std::vector<Color4B> px(64);
   for (std::size_t i = 0; i < px.size(); ++i)
     px[i] = {static_cast<std::uint8_t>(i * 4), static_cast<std::uint8_t>(255 - i), 77, 255};
@@ -321,7 +287,7 @@ TEST(ForceFormat, ConvertsBetweenEverySupportedPair) {
   EXPECT_EQ(Bytes(*back), Bytes(*ImageUtil::DecompressImage(dxt1, IImage::BGRA)));
 }
 
-TEST(ForceFormat, DxtToDxtWarnsAndGoesThroughRgba) {
+TEST(ForceFormat, DxtToDxtWarnsAndGoesThroughRgbaWhileUnsupportedPairsWarnAndGiveNull) {
   testing::LogRecorder log;
   std::shared_ptr<const IImage> dxt1 = ImageUtil::CompressImage(MakeImage(8, 8, std::vector<Color4B>(64, Color4B{9, 80, 200, 255})), IImage::DXT1);
   auto dxt5 = ImageUtil::ForceFormat(dxt1, IImage::DXT5);
@@ -330,16 +296,13 @@ TEST(ForceFormat, DxtToDxtWarnsAndGoesThroughRgba) {
   EXPECT_EQ(dxt5->mipLevels(), 1u);
   EXPECT_TRUE(log.contains(
       "Performance warning: Converting between DXT1 and DXT2 is expensive and usually doesn't make sense."));
-}
-
-TEST(ForceFormat, UnsupportedPairsWarnAndGiveNull) {
-  testing::LogRecorder log;
+  testing::LogRecorder unsupported;
   std::shared_ptr<const IImage> rgba = MakeImage(4, 4, Fill({1, 2, 3, 4}));
   EXPECT_EQ(ImageUtil::ForceFormat(rgba, IImage::Float32), nullptr);
   EXPECT_EQ(ImageUtil::ForceFormat(ImageUtil::CreateImage(4, 4, IImage::Float32, 1), IImage::RGBA), nullptr);
   EXPECT_EQ(ImageUtil::ForceFormat(rgba, IImage::Unknown), nullptr);
-  EXPECT_EQ(log.messages().size(), 3u);
-  EXPECT_TRUE(log.contains("Conversion failed. Unknown or incompatible formats."));
+  EXPECT_EQ(unsupported.messages().size(), 3u);
+  EXPECT_TRUE(unsupported.contains("Conversion failed. Unknown or incompatible formats."));
 }
 
 // ---- SIMD kernel equals the scalar reference -------------------------------------

@@ -9,54 +9,32 @@
 
 #include "kel/core/text.h"
 #include "kel/core/wexception.h"
+#include "image/image_test_util.h"
 #include "kel/image/image_util.h"
 
 namespace kel {
 namespace {
 
-std::wstring DataPath(const char* name) {
-  return Utf8String2WString(std::string(KEL_TEST_DATA_DIR) + "/image/" + name);
-}
+using testing::DataPath;
+using testing::ErrorOf;
+using testing::ReadFile;
+using Pixels = std::vector<std::uint8_t>;
 
-std::vector<std::uint8_t> ReadAll(const std::wstring& path) {
-  std::ifstream in(WString2Utf8String(path), std::ios::binary);
-  return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-// The message of the wexception `fn` throws, or "" when it throws none.
-template <typename Fn>
-std::wstring ErrorOf(Fn&& fn) {
-  try {
-    fn();
-  } catch (const wexception& e) {
-    return e.message();
-  }
-  return L"";
-}
-
-std::vector<std::uint8_t> Pixels(const IImage& img) {
-  const std::uint8_t* p = img.lineData(0, 0);
-  return std::vector<std::uint8_t>(p, p + img.sizeInBytes());
-}
-
-TEST(Load, DecodesPngExactly) {
+TEST(Load, DecodesPngExactlyAndExpandsGreyToOpaqueRgba) {
   auto img = ImageUtil::Load(DataPath("tiny_rgba.png"), IImage::RGBA);
   ASSERT_TRUE(img);
   EXPECT_EQ(img->width(), 3u);
   EXPECT_EQ(img->height(), 2u);
   EXPECT_EQ(img->mipLevels(), 1u);
-  EXPECT_EQ(Pixels(*img), (std::vector<std::uint8_t>{255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0,
-                                                     10, 20, 30, 40, 200, 100, 50, 255, 255, 255, 255, 255}));
+  EXPECT_EQ(testing::Bytes(*img), (Pixels{255, 0, 0, 255, 0, 255, 0, 128, 0, 0, 255, 0,
+                                      10, 20, 30, 40, 200, 100, 50, 255, 255, 255, 255, 255}));
   auto bgra = ImageUtil::Load(DataPath("tiny_rgba.png"), IImage::BGRA);
   EXPECT_EQ(bgra->format(), IImage::BGRA);
   EXPECT_EQ(bgra->lineData(0, 0)[2], 255);
   EXPECT_EQ(bgra->lineData(0, 0)[0], 0);
-}
-
-TEST(Load, ExpandsGreyPngToOpaqueRgba) {
-  auto img = ImageUtil::Load(DataPath("tiny_grey.png"), IImage::RGBA);
-  EXPECT_EQ(Pixels(*img), (std::vector<std::uint8_t>{0, 0, 0, 255, 85, 85, 85, 255, 170, 170, 170, 255,
-                                                     255, 255, 255, 255}));
+  // Grey expands to opaque RGBA.
+  EXPECT_EQ(testing::Bytes(*ImageUtil::Load(DataPath("tiny_grey.png"), IImage::RGBA)),
+            (Pixels{0, 0, 0, 255, 85, 85, 85, 255, 170, 170, 170, 255, 255, 255, 255, 255}));
 }
 
 TEST(Load, DecodesJpegFilesWithUpperCaseExtensionsToo) {
@@ -69,7 +47,7 @@ TEST(Load, DecodesJpegFilesWithUpperCaseExtensionsToo) {
   EXPECT_NEAR(p[1], 100, 3);
   EXPECT_NEAR(p[2], 50, 3);
   EXPECT_EQ(p[3], 255);
-  const auto bytes = ReadAll(DataPath("tiny_grey.jpg"));
+  const auto bytes = ReadFile(DataPath("tiny_grey.jpg"));
   auto grey = ImageUtil::LoadFromMemory(bytes.data(), bytes.size(), L"dir.v2/GREY.JPEG", IImage::RGBA);
   EXPECT_NEAR(grey->lineData(3, 0)[4], 77, 2);
   EXPECT_EQ(grey->lineData(3, 0)[4], grey->lineData(3, 0)[6]);
@@ -90,13 +68,13 @@ TEST(Load, ReadsDdsThroughTheTextureReader) {
   EXPECT_EQ(img->format(), IImage::RGBA);
   std::vector<std::uint8_t> expected(64);
   for (std::size_t i = 0; i < 64; ++i) expected[i] = static_cast<std::uint8_t>(i * 16);
-  EXPECT_EQ(Pixels(*img), expected);
+  EXPECT_EQ(testing::Bytes(*img), expected);
   auto dxt = ImageUtil::Load(DataPath("im_dxt1.dds"), IImage::BGRA);
   ASSERT_TRUE(dxt);
   EXPECT_EQ(dxt->format(), IImage::BGRA);
 
   // Pixel bytes cut short: refused, never read past the buffer.
-  const auto bytes = ReadAll(DataPath("tiny_rgba.dds"));
+  const auto bytes = ReadFile(DataPath("tiny_rgba.dds"));
   for (std::size_t n : {std::size_t{4}, std::size_t{127}, std::size_t{128}, bytes.size() - 1})
     EXPECT_FALSE(ErrorOf([&] { ImageUtil::LoadFromMemory(bytes.data(), n, L"cut.dds", IImage::RGBA); }).empty()) << n;
   EXPECT_TRUE(ErrorOf([&] { ImageUtil::LoadFromMemory(bytes.data(), bytes.size(), L"UP.DDS", IImage::RGBA); }).empty());
@@ -111,26 +89,30 @@ TEST(Load, SharedPhotographHasItsSize) {
 
 TEST(Load, MemoryAndFileAgree) {
   for (const char* name : {"tiny_rgba.png", "tiny_rgb.jpg"}) {
-    const auto bytes = ReadAll(DataPath(name));
+    const auto bytes = ReadFile(DataPath(name));
     auto a = ImageUtil::Load(DataPath(name), IImage::RGBA);
     auto b = ImageUtil::LoadFromMemory(bytes.data(), bytes.size(), DataPath(name), IImage::RGBA);
-    EXPECT_EQ(Pixels(*a), Pixels(*b)) << name;
+    EXPECT_EQ(testing::Bytes(*a), testing::Bytes(*b)) << name;
   }
 }
 
-TEST(Load, EveryErrorNamesThePath) {
-  const std::wstring missing = DataPath("no_such_file.png");
-  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(missing, IImage::RGBA); }), L"Failed to open file: " + missing);
-  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(L"/tmp/.", IImage::RGBA); }),
-            L"Unsupported file extension: /tmp/.");
-  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(L"picture.gif", IImage::RGBA); }),
-            L"Unsupported file extension: picture.gif");
-  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(L"folder.png/picture", IImage::RGBA); }),
-            L"Unsupported file extension: folder.png/picture");
-  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(L"/dev/null.png", IImage::RGBA); }),
-            L"Failed to open file: /dev/null.png");
+TEST(Load, EveryErrorNamesThePathDirectoriesIncluded) {
+  const std::string dir = ::testing::TempDir() + "kel_dir.png";
+  std::filesystem::create_directories(dir);
+  const struct {
+    std::wstring path, error;
+  } loads[] = {
+      {DataPath("no_such_file.png"), L"Failed to open file: "},
+      {L"/tmp/.", L"Unsupported file extension: "},
+      {L"picture.gif", L"Unsupported file extension: "},
+      {L"folder.png/picture", L"Unsupported file extension: "},
+      {L"/dev/null.png", L"Failed to open file: "},
+      {Utf8String2WString(dir), L"Failed to open file: "},  // a directory
+  };
+  for (const auto& c : loads)
+    EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(c.path, IImage::RGBA); }), c.error + c.path) << WString2Utf8String(c.path);
 
-  const std::wstring empty = Utf8String2WString(testing::TempDir() + "kel_empty.jpg");
+  const std::wstring empty = Utf8String2WString(::testing::TempDir() + "kel_empty.jpg");
   std::ofstream(WString2Utf8String(empty)).close();
   EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(empty, IImage::RGBA); }), L"File is empty: " + empty);
 
@@ -138,23 +120,16 @@ TEST(Load, EveryErrorNamesThePath) {
   EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(cmyk, IImage::RGBA); }), L"Image decompression failed: " + cmyk);
 
   // PNG bytes under a JPEG name and the other way round.
-  const auto png = ReadAll(DataPath("tiny_rgba.png"));
+  const auto png = ReadFile(DataPath("tiny_rgba.png"));
   EXPECT_EQ(ErrorOf([&] { ImageUtil::LoadFromMemory(png.data(), png.size(), L"a.jpg", IImage::RGBA); }),
             L"Image decompression failed: a.jpg");
-  const auto jpg = ReadAll(DataPath("tiny_rgb.jpg"));
+  const auto jpg = ReadFile(DataPath("tiny_rgb.jpg"));
   EXPECT_EQ(ErrorOf([&] { ImageUtil::LoadFromMemory(jpg.data(), jpg.size(), L"b.png", IImage::RGBA); }),
             L"Image decompression failed: b.png");
   EXPECT_EQ(ErrorOf([&] { ImageUtil::LoadFromMemory(jpg.data(), 0, L"c.png", IImage::RGBA); }),
             L"File is empty: c.png");
   EXPECT_EQ(ErrorOf([&] { ImageUtil::LoadFromMemory(jpg.data(), jpg.size(), L"c.tif", IImage::RGBA); }),
             L"Unsupported file extension: c.tif");
-}
-
-TEST(Load, DirectoriesCannotBeOpened) {
-  const std::string dir = testing::TempDir() + "kel_dir.png";
-  std::filesystem::create_directories(dir);
-  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(Utf8String2WString(dir), IImage::RGBA); }),
-            L"Failed to open file: " + Utf8String2WString(dir));
 }
 
 TEST(Load, EveryTruncatedPrefixFailsCleanly) {
@@ -165,16 +140,16 @@ TEST(Load, EveryTruncatedPrefixFailsCleanly) {
     std::size_t optionalTail;
   } files[] = {{"tiny_rgba.png", 12}, {"tiny_rgb.jpg", 2}, {"tiny_grey.jpg", 2}};
   for (const auto& [name, optionalTail] : files) {
-    const auto bytes = ReadAll(DataPath(name));
+    const auto bytes = ReadFile(DataPath(name));
     const std::wstring wname = Utf8String2WString(name);
-    const auto full = Pixels(*ImageUtil::LoadFromMemory(bytes.data(), bytes.size(), wname, IImage::RGBA));
+    const auto full = testing::Bytes(*ImageUtil::LoadFromMemory(bytes.data(), bytes.size(), wname, IImage::RGBA));
     for (std::size_t n = 1; n < bytes.size(); ++n) {
       const std::vector<std::uint8_t> prefix(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(n));
       const std::wstring err =
           ErrorOf([&] { ImageUtil::LoadFromMemory(prefix.data(), prefix.size(), wname, IImage::RGBA); });
       if (err.empty()) {
         EXPECT_GE(n + optionalTail, bytes.size()) << name << " prefix " << n;
-        EXPECT_EQ(Pixels(*ImageUtil::LoadFromMemory(prefix.data(), prefix.size(), wname, IImage::RGBA)), full);
+        EXPECT_EQ(testing::Bytes(*ImageUtil::LoadFromMemory(prefix.data(), prefix.size(), wname, IImage::RGBA)), full);
         continue;
       }
       EXPECT_EQ(err, L"Image decompression failed: " + wname) << n;
@@ -184,7 +159,7 @@ TEST(Load, EveryTruncatedPrefixFailsCleanly) {
 
 TEST(Load, RefusesHugeClaimsBeforeAllocating) {
   // A valid PNG header claiming 40000 x 40000 pixels (6.4 GB decoded).
-  auto bytes = ReadAll(DataPath("tiny_rgba.png"));
+  auto bytes = ReadFile(DataPath("tiny_rgba.png"));
   auto put32 = [&](std::size_t at, std::uint32_t v) {
     for (int i = 0; i < 4; ++i) bytes[at + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (24 - 8 * i));
   };

@@ -6,42 +6,19 @@
 #include <gtest/gtest.h>
 
 #include "image/detail/half_size_lanes.h"
-#include "kel/core/log.h"
-#include "kel/image/image_util.h"
-#include "support/log_capture.h"
+#include "image/image_test_util.h"
 
 namespace kel {
 namespace {
 
 using Size = ImageUtil::Size;
-
 using test::LogCapture;
+using testing::Bytes;
+using testing::FromBytes;
+using testing::RandomImage;
+using Pixels = std::vector<std::uint8_t>;
 
-std::shared_ptr<IImage> MakeImage(std::uint64_t w, std::uint64_t h, IImage::Format f,
-                                  const std::vector<std::uint8_t>& bytes, std::uint64_t levels = 1) {
-  auto img = ImageUtil::CreateImage(w, h, f, levels);
-  EXPECT_EQ(bytes.size(), img->sizeInBytes());
-  std::memcpy(img->lineData(0, 0), bytes.data(), bytes.size());
-  return img;
-}
-
-std::shared_ptr<IImage> RandomImage(std::uint64_t w, std::uint64_t h, IImage::Format f, std::uint32_t seed,
-                                    std::uint64_t levels = 1) {
-  std::mt19937 rng(seed);
-  auto img = ImageUtil::CreateImage(w, h, f, levels);
-  std::uint8_t* p = img->lineData(0, 0);
-  for (std::uint64_t i = 0; i < img->sizeInBytes(); ++i) p[i] = static_cast<std::uint8_t>(rng());
-  return img;
-}
-
-std::vector<std::uint8_t> Bytes(const IImage& img) {
-  const std::uint8_t* p = img.lineData(0, 0);
-  return std::vector<std::uint8_t>(p, p + img.sizeInBytes());
-}
-
-const std::uint8_t* Pixel(const IImage& img, std::uint64_t x, std::uint64_t y, std::uint64_t level = 0) {
-  return img.lineData(y, level) + x * 4;
-}
+const std::uint8_t* Pixel(const IImage& img, std::uint64_t x, std::uint64_t y) { return img.lineData(y, 0) + x * 4; }
 
 std::vector<Size> Sizes(Size s, bool stop, bool block) {
   std::vector<Size> out;
@@ -68,18 +45,10 @@ TEST(CreateMipmapSizes, FollowsTheChainTable) {
       {"6x3 block sets 4", {6, 3}, false, true, {{6, 3}, {4, 4}}},
       {"4x4 block", {4, 4}, false, true, {{4, 4}}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.label);
-    const auto got = Sizes(c.size, c.stop, c.block);
-    ASSERT_EQ(got.size(), c.expected.size());
-    for (std::size_t i = 0; i < got.size(); ++i) {
-      EXPECT_EQ(got[i].width, c.expected[i].width) << i;
-      EXPECT_EQ(got[i].height, c.expected[i].height) << i;
-    }
-  }
+  for (const auto& c : cases) EXPECT_EQ(Sizes(c.size, c.stop, c.block), c.expected) << c.label;
 }
 
-TEST(CreateMipmapSizes, StopsWhenTheSinkSaysSo) {
+TEST(CreateMipmapSizes, StopsWhenTheSinkSaysSoAndOnDegenerateSizes) {
   struct TakeTwo : IEnumerate<Size> {
     std::vector<Size> seen;
     bool push(const Size& s) override {
@@ -89,9 +58,6 @@ TEST(CreateMipmapSizes, StopsWhenTheSinkSaysSo) {
   } sink;
   ImageUtil::CreateMipmapSizes(sink, Size{64, 64}, false, false);
   EXPECT_EQ(sink.seen.size(), 2u);
-}
-
-TEST(CreateMipmapSizes, TerminatesOnDegenerateSizes) {
   EXPECT_EQ(Sizes({0, 0}, false, false).back(), (Size{1, 1}));
   EXPECT_EQ(Sizes({0xFFFFFFFFFFFFull, 3}, false, true).back(), (Size{4, 4}));
 }
@@ -106,34 +72,28 @@ struct RecordingFilter : ImageUtil::IImageResizeFilter {
   }
 };
 
-TEST(AdjustImageForCompression, PadsToPowersOfTwoOfAtLeastFour) {
+TEST(AdjustImageForCompression, PadsToPowersOfTwoOfAtLeastFourThroughTheFilterOrResize) {
   struct Case {
     std::uint64_t w, h, tw, th;
   } cases[] = {{300, 2, 512, 4}, {1, 1, 4, 4}, {5, 17, 8, 32}, {64, 4, 64, 4}, {0, 9, 4, 16}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.w << "x" << c.h);
+    SCOPED_TRACE(::testing::Message() << c.w << "x" << c.h);
     auto filter = std::make_shared<RecordingFilter>();
     auto src = ImageUtil::CreateImage(c.w, c.h, IImage::RGBA, 1);
     auto out = ImageUtil::AdjustImageForCompression(src, false, filter);
     ASSERT_TRUE(out);
     EXPECT_EQ(out->width(), c.tw);
     EXPECT_EQ(out->height(), c.th);
-    if (c.w == c.tw && c.h == c.th) {
+    const bool fits = c.w == c.tw && c.h == c.th;
+    if (fits) {
       EXPECT_EQ(out, src);
-      EXPECT_TRUE(filter->calls.empty());
-    } else {
-      ASSERT_EQ(filter->calls.size(), 1u);
     }
+    EXPECT_EQ(filter->calls.size(), fits ? 0u : 1u);
   }
-}
-
-TEST(AdjustImageForCompression, ReturnsTheSourceWhenAlreadyFitAndNullForNull) {
-  auto src = RandomImage(256, 256, IImage::RGBA, 1);
-  EXPECT_EQ(ImageUtil::AdjustImageForCompression(src, false, nullptr), src);
+  // Without a filter: the source itself when it fits, else Resize's result.
+  auto fit = RandomImage(256, 256, IImage::RGBA, 1);
+  EXPECT_EQ(ImageUtil::AdjustImageForCompression(fit, false, nullptr), fit);
   EXPECT_EQ(ImageUtil::AdjustImageForCompression(nullptr, false, nullptr), nullptr);
-}
-
-TEST(AdjustImageForCompression, UsesResizeWithoutAFilter) {
   auto src = RandomImage(6, 6, IImage::RGBA, 2);
   auto out = ImageUtil::AdjustImageForCompression(src, true, nullptr);
   ASSERT_TRUE(out);
@@ -142,7 +102,7 @@ TEST(AdjustImageForCompression, UsesResizeWithoutAFilter) {
 
 // --- ComputeAlphaHint --------------------------------------------------------
 
-TEST(ComputeAlphaHint, ClassifiesAlphaTable) {
+TEST(ComputeAlphaHint, ClassifiesAlphaTableAndOtherFormats) {
   struct Case {
     const char* label;
     std::vector<std::uint8_t> alphas;
@@ -156,63 +116,53 @@ TEST(ComputeAlphaHint, ClassifiesAlphaTable) {
   };
   for (IImage::Format f : {IImage::RGBA, IImage::BGRA})
     for (const auto& c : cases) {
-      SCOPED_TRACE(c.label);
       auto img = ImageUtil::CreateImage(2, 2, f, 1);
       for (int i = 0; i < 4; ++i) {
         std::uint8_t* p = img->lineData(static_cast<std::uint64_t>(i / 2), 0) + (i % 2) * 4;
         p[0] = p[1] = p[2] = 7;
         p[3] = c.alphas[static_cast<std::size_t>(i)];
       }
-      EXPECT_EQ(ImageUtil::ComputeAlphaHint(*img), c.expected);
+      EXPECT_EQ(ImageUtil::ComputeAlphaHint(*img), c.expected) << c.label << " format " << f;
     }
-}
-
-TEST(ComputeAlphaHint, FormatsAndEmptyImages) {
-  EXPECT_EQ(ImageUtil::ComputeAlphaHint(*ImageUtil::CreateImage(8, 8, IImage::DXT1, 1)), ImageUtil::AlphaOpaque);
-  EXPECT_EQ(ImageUtil::ComputeAlphaHint(*ImageUtil::CreateImage(8, 8, IImage::DXT5, 1)), ImageUtil::AlphaUnknown);
-  EXPECT_EQ(ImageUtil::ComputeAlphaHint(*ImageUtil::CreateImage(8, 8, IImage::Float32, 1)),
-            ImageUtil::AlphaUnknown);
-  EXPECT_EQ(ImageUtil::ComputeAlphaHint(*ImageUtil::CreateImage(8, 0, IImage::RGBA, 1)),
-            ImageUtil::AlphaTransparent);
+  const struct {
+    IImage::Format format;
+    std::uint64_t h;
+    ImageUtil::AlphaHint expected;
+  } others[] = {{IImage::DXT1, 8, ImageUtil::AlphaOpaque},
+                {IImage::DXT5, 8, ImageUtil::AlphaUnknown},
+                {IImage::Float32, 8, ImageUtil::AlphaUnknown},
+                {IImage::RGBA, 0, ImageUtil::AlphaTransparent}};
+  for (const auto& o : others)
+    EXPECT_EQ(ImageUtil::ComputeAlphaHint(*ImageUtil::CreateImage(8, o.h, o.format, 1)), o.expected) << o.format;
 }
 
 // --- PreMultiplyAlpha, AverageColor -------------------------------------------
 
-TEST(PreMultiplyAlpha, ScalesColourBytesByAlphaOnEveryLevel) {
-  auto img = MakeImage(2, 2, IImage::RGBA,
+TEST(PreMultiplyAlpha, ScalesColourBytesByAlphaOnEveryLevelAndStaysInsideTinyLevels) {
+  auto img = FromBytes(2, 2, IImage::RGBA,
                        {200, 100, 50, 128, 10, 20, 30, 255, 9, 9, 9, 0, 255, 255, 255, 1,  // level 0
                         200, 100, 50, 128},                                                  // level 1
                        2);
   ImageUtil::PreMultiplyAlpha(*img);
-  EXPECT_EQ(Bytes(*img), (std::vector<std::uint8_t>{100, 50, 25, 128, 10, 20, 30, 255, 0, 0, 0, 0, 1, 1, 1, 1,
-                                                    100, 50, 25, 128}));
+  EXPECT_EQ(Bytes(*img), (Pixels{100, 50, 25, 128, 10, 20, 30, 255, 0, 0, 0, 0, 1, 1, 1, 1, 100, 50, 25, 128}));
+  // 4x1 with 3 levels stores 16 + 4 + 1 bytes; level 2 has no whole pixel (ASan checks the overrun).
+  ImageUtil::PreMultiplyAlpha(*RandomImage(4, 1, IImage::RGBA, 3, 3));
 }
 
-TEST(PreMultiplyAlpha, StaysInsideTinyLevels) {
-  // 4x1 with 3 levels stores 16 + 4 + 1 bytes; level 2 has no whole pixel.
-  auto img = RandomImage(4, 1, IImage::RGBA, 3, 3);
-  ImageUtil::PreMultiplyAlpha(*img);  // ASan would object to any overrun
-  SUCCEED();
-}
-
-TEST(AverageColor, CompressedAndOddFormatsGiveGrey) {
+TEST(AverageColor, MeansTheSmallestLevelAndGivesGreyForOtherFormats) {
   const Vec<4, unsigned int> grey(180u, 180u, 180u, 255u);
   EXPECT_EQ(ImageUtil::AverageColor(ImageUtil::CreateImage(8, 8, IImage::DXT1, 1)), grey);
   EXPECT_EQ(ImageUtil::AverageColor(ImageUtil::CreateImage(8, 8, IImage::Unknown, 1)), grey);
   EXPECT_EQ(ImageUtil::AverageColor(nullptr), grey);
-}
-
-TEST(AverageColor, MeansTheSmallestLevel) {
-  EXPECT_EQ(ImageUtil::AverageColor(MakeImage(1, 1, IImage::RGBA, {1, 2, 3, 4})), (Vec<4, unsigned int>(1u, 2u, 3u, 4u)));
-  std::vector<std::uint8_t> bytes(4 * 4 * 4, 0);  // level 0 is ignored
+  EXPECT_EQ(ImageUtil::AverageColor(FromBytes(1, 1, IImage::RGBA, {1, 2, 3, 4})), (Vec<4, unsigned int>(1u, 2u, 3u, 4u)));
+  Pixels bytes(4 * 4 * 4, 0);  // level 0 is ignored
   for (std::uint8_t v : {10, 20, 30, 41, 11, 21, 31, 40, 12, 22, 32, 40, 13, 23, 33, 40}) bytes.push_back(v);
-  EXPECT_EQ(ImageUtil::AverageColor(MakeImage(4, 4, IImage::RGBA, bytes, 2)),
-            (Vec<4, unsigned int>(11u, 21u, 31u, 40u)));
+  EXPECT_EQ(ImageUtil::AverageColor(FromBytes(4, 4, IImage::RGBA, bytes, 2)), (Vec<4, unsigned int>(11u, 21u, 31u, 40u)));
 }
 
 // --- Resize: fast half-size path ---------------------------------------------
 
-TEST(ResizeFastPath, PairsColumnsZeroAndTwo) {
+TEST(ResizeFastPath, PairsColumnsZeroAndTwoAndRoundsHalvesUp) {
   auto src = RandomImage(16, 16, IImage::RGBA, 4);
   auto dst = ImageUtil::Resize(src, Size{8, 8}, false);
   ASSERT_TRUE(dst);
@@ -228,17 +178,13 @@ TEST(ResizeFastPath, PairsColumnsZeroAndTwo) {
         ASSERT_EQ(Pixel(*dst, x, y)[c], (sum + 2) >> 2) << x << "," << y << " channel " << c;
       }
     }
-}
-
-TEST(ResizeFastPath, RoundsHalvesUp) {
   // Columns 0 and 2 of both rows: 1 + 2 + 0 + 0 = 3 -> (3 + 2) >> 2 = 1.
-  auto src = ImageUtil::CreateImage(8, 6, IImage::BGRA, 1);
-  std::memset(src->lineData(0, 0), 0, src->sizeInBytes());
-  src->lineData(0, 0)[0] = 1;
-  src->lineData(0, 0)[8] = 2;
-  auto dst = ImageUtil::Resize(src, Size{4, 3}, false);
-  EXPECT_EQ(dst->format(), IImage::BGRA);
-  EXPECT_EQ(dst->lineData(0, 0)[0], 1);
+  Pixels bytes(8 * 6 * 4, 0);
+  bytes[0] = 1;
+  bytes[8] = 2;
+  auto half = ImageUtil::Resize(FromBytes(8, 6, IImage::BGRA, bytes), Size{4, 3}, false);
+  EXPECT_EQ(half->format(), IImage::BGRA);
+  EXPECT_EQ(half->lineData(0, 0)[0], 1);
 }
 
 TEST(ResizeFastPath, SimdKernelMatchesScalarOnRandomRows) {
@@ -275,14 +221,9 @@ TEST(ResizeFastPath, LargeDestinationsMatchTheScalarKernel) {
 
 TEST(ResizeFastPath, NotTakenWhenExactOrIneligible) {
   // 8x8 with exact: general path blends adjacent columns 0 and 1.
-  auto src = ImageUtil::CreateImage(8, 8, IImage::RGBA, 1);
-  for (std::uint64_t y = 0; y < 8; ++y)
-    for (std::uint64_t x = 0; x < 8; ++x) {
-      std::uint8_t* p = src->lineData(y, 0) + x * 4;
-      p[0] = static_cast<std::uint8_t>(x * 10);
-      p[1] = p[2] = 0;
-      p[3] = 255;
-    }
+  Pixels bytes;
+  for (int i = 0; i < 64; ++i) bytes.insert(bytes.end(), {static_cast<std::uint8_t>(i % 8 * 10), 0, 0, 255});
+  auto src = FromBytes(8, 8, IImage::RGBA, bytes);
   EXPECT_EQ(ImageUtil::Resize(src, Size{4, 4}, true)->lineData(0, 0)[0], 5);   // (0 + 10) / 2
   EXPECT_EQ(ImageUtil::Resize(src, Size{4, 4}, false)->lineData(0, 0)[0], 10);  // (0 + 20) / 2
 }
@@ -292,8 +233,8 @@ TEST(ResizeFastPath, NotTakenWhenExactOrIneligible) {
 TEST(ResizeGeneralPath, HandComputedBlends) {
   struct Case {
     const char* label;
-    std::vector<std::uint8_t> src;  // 2x1
-    std::vector<std::uint8_t> expected;  // 1x1
+    Pixels src;       // 2x1
+    Pixels expected;  // 1x1
   } cases[] = {
       {"opaque mean", {100, 0, 0, 255, 0, 200, 0, 255}, {50, 100, 0, 255}},
       {"transparent neighbour ignored", {100, 0, 0, 255, 0, 200, 0, 0}, {100, 0, 0, 127}},
@@ -301,14 +242,11 @@ TEST(ResizeGeneralPath, HandComputedBlends) {
       {"alpha weighted", {0, 0, 0, 51, 255, 255, 255, 204}, {204, 204, 204, 127}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.label);
-    auto out = ImageUtil::Resize(MakeImage(2, 1, IImage::RGBA, c.src), Size{1, 1}, false);
-    ASSERT_TRUE(out);
-    EXPECT_EQ(Bytes(*out), c.expected);
+    auto out = ImageUtil::Resize(FromBytes(2, 1, IImage::RGBA, c.src), Size{1, 1}, false);
+    ASSERT_TRUE(out) << c.label;
+    EXPECT_EQ(Bytes(*out), c.expected) << c.label;
   }
-}
-
-TEST(ResizeGeneralPath, UniformAreasKeepTheirValue) {
+  // Uniform areas keep their value whatever the scale.
   auto src = ImageUtil::CreateImage(7, 5, IImage::RGBA, 1);
   ImageUtil::Clear(src, 0xFF3264C8u);
   auto out = ImageUtil::Resize(src, Size{13, 3}, false);
@@ -322,13 +260,9 @@ TEST(ResizeGeneralPath, BlendsFloatsDirectly) {
   const float in[2] = {0.0f, 8.0f};
   std::memcpy(src->lineData(0, 0), in, 8);
   auto out = ImageUtil::Resize(src, Size{4, 1}, false);  // Float32 never takes the fast path
-  float got[4];
-  std::memcpy(got, out->lineData(0, 0), 16);
-  EXPECT_EQ(got[0], 0.0f);
-  EXPECT_EQ(got[1], 2.0f);
-  EXPECT_EQ(got[2], 6.0f);
-  EXPECT_EQ(got[3], 8.0f);
-
+  std::vector<float> got(4);
+  std::memcpy(got.data(), out->lineData(0, 0), 16);
+  EXPECT_EQ(got, (std::vector<float>{0.0f, 2.0f, 6.0f, 8.0f}));
   auto square = ImageUtil::CreateImage(16, 16, IImage::Float32, 1);
   ImageUtil::Clear(square, 2.5f);
   auto half = ImageUtil::Resize(square, Size{8, 8}, false);
@@ -353,27 +287,20 @@ TEST(Resize, SameSizeReturnsTheSourceAndBadInputIsRefused) {
 
 // --- Swizzle, Clear, ClearAlpha -----------------------------------------------
 
-TEST(SwizzleRBChannels, ExchangesBytesZeroAndTwoOnEveryLevel) {
+TEST(SwizzleRBChannels, ExchangesBytesZeroAndTwoOnEveryLevelAndRefusesCompressedImages) {
   auto src = RandomImage(8, 4, IImage::RGBA, 7, 3);
   auto out = ImageUtil::SwizzleRBChannels(src);
   ASSERT_TRUE(out);
   EXPECT_EQ(out->mipLevels(), 3u);
   EXPECT_EQ(out->format(), IImage::RGBA);
-  const auto a = Bytes(*src), b = Bytes(*out);
-  for (std::size_t i = 0; i < a.size(); i += 4) {
-    EXPECT_EQ(b[i], a[i + 2]);
-    EXPECT_EQ(b[i + 1], a[i + 1]);
-    EXPECT_EQ(b[i + 2], a[i]);
-    EXPECT_EQ(b[i + 3], a[i + 3]);
-  }
-  EXPECT_EQ(Bytes(*ImageUtil::SwizzleRBChannels(out)), a);
-}
+  Pixels expected = Bytes(*src);
+  for (std::size_t i = 0; i < expected.size(); i += 4) std::swap(expected[i], expected[i + 2]);
+  EXPECT_EQ(Bytes(*out), expected);
+  EXPECT_EQ(Bytes(*ImageUtil::SwizzleRBChannels(out)), Bytes(*src));
 
-TEST(SwizzleRBChannels, RefusesCompressedImages) {
   LogCapture log;
   EXPECT_EQ(ImageUtil::SwizzleRBChannels(ImageUtil::CreateImage(8, 8, IImage::DXT5, 1)), nullptr);
-  ASSERT_EQ(log.messages().size(), 1u);
-  EXPECT_EQ(log.messages()[0], "Channel swizzling is only supported for uncompressed images");
+  EXPECT_EQ(log.messages(), (std::vector<std::string>{"Channel swizzling is only supported for uncompressed images"}));
   EXPECT_EQ(ImageUtil::SwizzleRBChannels(nullptr), nullptr);
 }
 
@@ -405,7 +332,7 @@ TEST(Clear, FillsEveryLevelOrWarns) {
 
 // --- CreateHalo ----------------------------------------------------------------
 
-TEST(CreateHalo, GlowFadesWithDistanceUnderTheOriginal) {
+TEST(CreateHalo, GlowFadesWithDistanceUnderTheOriginalAndNeedsOpaquePixels) {
   auto src = ImageUtil::CreateImage(9, 9, IImage::RGBA, 1);
   ImageUtil::Clear(src, 0u);
   std::uint8_t* centre = src->lineData(4, 0) + 16;
@@ -414,10 +341,7 @@ TEST(CreateHalo, GlowFadesWithDistanceUnderTheOriginal) {
   ASSERT_TRUE(halo);
   EXPECT_EQ(std::memcmp(Pixel(*halo, 4, 4), centre, 4), 0);  // original on top
   const std::uint8_t* near = Pixel(*halo, 5, 4);               // distance 1 of reach 3
-  EXPECT_EQ(near[0], 255);
-  EXPECT_EQ(near[1], 255);
-  EXPECT_EQ(near[2], 0);
-  EXPECT_EQ(near[3], 170);
+  EXPECT_EQ(Pixels(near, near + 4), (Pixels{255, 255, 0, 170}));
   EXPECT_LT(Pixel(*halo, 6, 5)[3], near[3]);  // sqrt(5) away: fainter
   EXPECT_EQ(Pixel(*halo, 7, 4)[3], 0);        // beyond the radius
   EXPECT_EQ(Pixel(*halo, 0, 0)[3], 0);
@@ -427,39 +351,37 @@ TEST(CreateHalo, GlowFadesWithDistanceUnderTheOriginal) {
   EXPECT_EQ(Pixel(*bgra, 5, 4)[2], 255);
   EXPECT_EQ(Pixel(*bgra, 5, 4)[0], 0);
   EXPECT_EQ(ImageUtil::CreateHalo(nullptr, 2, Color4B{}, IImage::RGBA), nullptr);
-}
-
-TEST(CreateHalo, ZeroRadiusCopiesAndNoOpaquePixelsGiveNothing) {
-  auto src = RandomImage(5, 3, IImage::RGBA, 8);
-  for (std::uint64_t y = 0; y < 3; ++y)
-    for (std::uint64_t x = 0; x < 5; ++x) src->lineData(y, 0)[x * 4 + 3] = 255;
-  EXPECT_EQ(Bytes(*ImageUtil::CreateHalo(src, 0, Color4B{1, 2, 3, 255}, IImage::RGBA)), Bytes(*src));
-  ImageUtil::ClearAlpha(src, 0);
-  const auto out = Bytes(*ImageUtil::CreateHalo(src, 3, Color4B{1, 2, 3, 255}, IImage::RGBA));
-  EXPECT_EQ(out, std::vector<std::uint8_t>(out.size(), 0));
+  // Radius 0 copies; without opaque pixels there is nothing to glow.
+  auto noise = RandomImage(5, 3, IImage::RGBA, 8);
+  ImageUtil::ClearAlpha(noise, 255);
+  EXPECT_EQ(Bytes(*ImageUtil::CreateHalo(noise, 0, Color4B{1, 2, 3, 255}, IImage::RGBA)), Bytes(*noise));
+  ImageUtil::ClearAlpha(noise, 0);
+  const auto out = Bytes(*ImageUtil::CreateHalo(noise, 3, Color4B{1, 2, 3, 255}, IImage::RGBA));
+  EXPECT_EQ(out, Pixels(out.size(), 0));
 }
 
 // --- Mip chains ------------------------------------------------------------------
 
-TEST(CreateMipmaps, StacksHalvedLevelsInOneImage) {
+bool LevelIs(const IImage& mips, std::uint64_t level, const IImage& expected) {
+  return std::memcmp(mips.lineData(0, level), expected.lineData(0, 0), expected.sizeInBytes()) == 0;
+}
+
+TEST(CreateMipmaps, StacksHalvedLevelsStoppingAtTheFirstMinimumAndConverts) {
   auto src = RandomImage(16, 16, IImage::RGBA, 9);
   auto mips = ImageUtil::CreateMipmaps(src, IImage::RGBA, false, nullptr);
   ASSERT_TRUE(mips);
   EXPECT_EQ(mips->mipLevels(), 5u);  // 16, 8, 4, 2, 1
   auto level1 = ImageUtil::Resize(src, Size{8, 8}, false);
-  EXPECT_EQ(std::memcmp(mips->lineData(0, 1), level1->lineData(0, 0), level1->sizeInBytes()), 0);
-  auto level2 = ImageUtil::Resize(level1, Size{4, 4}, false);
-  EXPECT_EQ(std::memcmp(mips->lineData(0, 2), level2->lineData(0, 0), level2->sizeInBytes()), 0);
-  EXPECT_EQ(std::memcmp(mips->lineData(0, 0), src->lineData(0, 0), src->sizeInBytes()), 0);
-}
+  EXPECT_TRUE(LevelIs(*mips, 0, *src));
+  EXPECT_TRUE(LevelIs(*mips, 1, *level1));
+  EXPECT_TRUE(LevelIs(*mips, 2, *ImageUtil::Resize(level1, Size{4, 4}, false)));
 
-TEST(CreateMipmaps, StopsAtTheFirstMinimumAndConverts) {
-  auto src = RandomImage(8, 2, IImage::RGBA, 10);
-  auto mips = ImageUtil::CreateMipmaps(src, IImage::BGRA, false, nullptr);
-  ASSERT_TRUE(mips);
-  EXPECT_EQ(mips->format(), IImage::BGRA);
-  EXPECT_EQ(mips->mipLevels(), 2u);  // 8x2, 4x1
-  EXPECT_EQ(mips->lineData(0, 0)[0], src->lineData(0, 0)[2]);
+  auto wide = RandomImage(8, 2, IImage::RGBA, 10);
+  auto bgra = ImageUtil::CreateMipmaps(wide, IImage::BGRA, false, nullptr);
+  ASSERT_TRUE(bgra);
+  EXPECT_EQ(bgra->format(), IImage::BGRA);
+  EXPECT_EQ(bgra->mipLevels(), 2u);  // 8x2, 4x1
+  EXPECT_EQ(bgra->lineData(0, 0)[0], wide->lineData(0, 0)[2]);
   // Odd sizes do not halve exactly: only level 0 fits the quarter layout.
   EXPECT_EQ(ImageUtil::CreateMipmaps(RandomImage(6, 3, IImage::RGBA, 11), IImage::RGBA, false, nullptr)->mipLevels(),
             1u);
@@ -471,8 +393,7 @@ TEST(CreateMipmaps, CompressesEveryLevelDownToTheFirstBlockMinimum) {
   ASSERT_TRUE(mips);
   EXPECT_EQ(mips->format(), IImage::DXT1);
   EXPECT_EQ(mips->mipLevels(), 2u);  // 32x8, 16x4
-  auto level1 = ImageUtil::CompressImage(ImageUtil::Resize(src, Size{16, 4}, false), IImage::DXT1);
-  EXPECT_EQ(std::memcmp(mips->lineData(0, 1), level1->lineData(0, 0), level1->sizeInBytes()), 0);
+  EXPECT_TRUE(LevelIs(*mips, 1, *ImageUtil::CompressImage(ImageUtil::Resize(src, Size{16, 4}, false), IImage::DXT1)));
   // A DXT source is decoded first; Float32 cannot become DXT.
   EXPECT_EQ(ImageUtil::CreateMipmaps(mips, IImage::RGBA, false, nullptr)->mipLevels(), 4u);  // down to 4x1
   LogCapture log;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "kel/sff/sff_file_stream.h"
 #include "kel/sff/sff_reader.h"
 
 namespace kel::test {
@@ -80,5 +81,16 @@ private:
   }
   void add(std::string s) { events.push_back(std::move(s)); }
 };
+
+// Every record `in` holds, as RecordingCallback lines.
+inline std::vector<std::string> ReadEvents(sff_input_stream& in) {
+  RecordingCallback cb;
+  sff_reader().read(in, cb);
+  return cb.events;
+}
+inline std::vector<std::string> ReadEvents(const std::vector<unsigned char>& bytes) {
+  sff_buff_is in(bytes.data(), bytes.size());
+  return ReadEvents(in);
+}
 
 }  // namespace kel::test

@@ -8,72 +8,15 @@
 #include <gtest/gtest.h>
 
 #include "spatial/detail/lane4.h"
+#include "spatial/soup.h"
 
 namespace kel::fdo {
 namespace {
 
-struct Soup {
-  std::vector<float> xyz;
-  std::vector<std::uint32_t> tri;
-  int count() const { return int(tri.size() / 3); }
-};
-
-// Two-sided Moller-Trumbore, the same test the tile intersector runs.
-bool RayTriangle(const float* p0, const float* p1, const float* p2, const ray& r, float& t) {
-  const float* o = r.origin;
-  const float* d = r.direction;
-  const float e1[3] = {p1[0] - p0[0], p1[1] - p0[1], p1[2] - p0[2]};
-  const float e2[3] = {p2[0] - p0[0], p2[1] - p0[1], p2[2] - p0[2]};
-  const float P[3] = {d[1] * e2[2] - d[2] * e2[1], d[2] * e2[0] - d[0] * e2[2], d[0] * e2[1] - d[1] * e2[0]};
-  const float det = e1[0] * P[0] + e1[1] * P[1] + e1[2] * P[2];
-  if (det > -1e-10f && det < 1e-10f) return false;
-  const float inv = 1.0f / det;
-  const float T[3] = {o[0] - p0[0], o[1] - p0[1], o[2] - p0[2]};
-  const float u = (T[0] * P[0] + T[1] * P[1] + T[2] * P[2]) * inv;
-  if (u < 0.0f || u > 1.0f) return false;
-  const float Q[3] = {T[1] * e1[2] - T[2] * e1[1], T[2] * e1[0] - T[0] * e1[2], T[0] * e1[1] - T[1] * e1[0]};
-  const float v = (d[0] * Q[0] + d[1] * Q[1] + d[2] * Q[2]) * inv;
-  if (v < 0.0f || u + v > 1.0f) return false;
-  t = (e2[0] * Q[0] + e2[1] * Q[1] + e2[2] * Q[2]) * inv;
-  return t >= 0.0f && t <= FLT_MAX;
-}
-
-class SoupIntersector : public bvh_primitive_intersector {
-public:
-  explicit SoupIntersector(const Soup& s) : s_(s) {}
-  bool intersect(int i, const ray& r, float* out) override {
-    ++calls;
-    const auto* t = &s_.tri[3 * std::size_t(i)];
-    return RayTriangle(&s_.xyz[3 * t[0]], &s_.xyz[3 * t[1]], &s_.xyz[3 * t[2]], r, out[0]);
-  }
-  int calls = 0;
-
-private:
-  const Soup& s_;
-};
-
-// Nearest hit by scanning every triangle; ties keep the lowest index.
-hit BruteForce(const Soup& s, const ray& r, float tMax) {
-  hit h{~0u, tMax};
-  SoupIntersector x(s);
-  float out[4];
-  for (int i = 0; i < s.count(); ++i)
-    if (x.intersect(i, r, out) && out[0] < h.t) h = hit{std::uint32_t(i), out[0]};
-  return h;
-}
-
-Soup RandomSoup(std::mt19937& rng, int n, float extent, float size) {
-  std::uniform_real_distribution<float> pos(0.0f, extent), off(-size, size);
-  Soup s;
-  for (int i = 0; i < n; ++i) {
-    const float c[3] = {pos(rng), pos(rng), pos(rng)};
-    for (int k = 0; k < 3; ++k) {
-      s.tri.push_back(std::uint32_t(s.xyz.size() / 3));
-      for (int a = 0; a < 3; ++a) s.xyz.push_back(c[a] + off(rng));
-    }
-  }
-  return s;
-}
+using test::BruteForce;
+using test::RandomSoup;
+using test::Soup;
+using test::SoupIntersector;
 
 void Build(bvh& tree, const Soup& s) {
   simple_primitive_iterator it(s.xyz.data(), 12, s.tri.data(), s.count());
@@ -107,7 +50,7 @@ void CheckStructure(const bvh& tree, int n) {
   EXPECT_EQ(leafSlots, n);
 }
 
-TEST(Bvh, NearestHitMatchesBruteForceOnRandomSoups) {
+TEST(Bvh, NearestHitMatchesBruteForceAfterReloadAndUnderAPresetDistance) {
   std::mt19937 rng(1234);
   std::uniform_real_distribution<float> u(-10.0f, 110.0f), dir(-1.0f, 1.0f);
   for (int n : {1, 3, 4, 5, 17, 200, 3000}) {
@@ -115,6 +58,11 @@ TEST(Bvh, NearestHitMatchesBruteForceOnRandomSoups) {
     bvh tree;
     Build(tree, s);
     CheckStructure(tree, n);
+    // A tree reloaded from the built one's nodes and indices answers alike.
+    bvh loaded;
+    loaded.setNodes(tree.getNodes(), tree.getNodeCount());
+    loaded.setPrimitiveIndices(tree.getPrimitiveIndices(), tree.getPrimitiveCount());
+    EXPECT_EQ(loaded.getNodeCapacity(), tree.getNodeCount());
     SoupIntersector x(s);
     int hits = 0;
     for (int q = 0; q < 600; ++q) {
@@ -124,16 +72,26 @@ TEST(Bvh, NearestHitMatchesBruteForceOnRandomSoups) {
       float d[3] = {target[0] + dir(rng) - r0.origin[0], target[1] + dir(rng) - r0.origin[1],
                     target[2] + dir(rng) - r0.origin[2]};
       const ray r = MakeRay(r0.origin[0], r0.origin[1], r0.origin[2], d[0], d[1], d[2]);
-      const hit expect = BruteForce(s, r, FLT_MAX);
+      const hit expect = BruteForce(s, r);
       hit got{~0u, FLT_MAX};
       tree.intersect(got, r, x);
       ASSERT_EQ(got.t, expect.t) << "n=" << n << " query " << q;
-      if (expect.primitive != ~0u) {
-        ++hits;
-        float t;
-        ASSERT_TRUE(x.intersect(int(got.primitive), r, &t));
-        EXPECT_EQ(t, got.t);
-      }
+      hit again{~0u, FLT_MAX};
+      loaded.intersect(again, r, x);
+      EXPECT_EQ(again.t, got.t);
+      EXPECT_EQ(again.primitive, got.primitive);
+      if (expect.primitive == ~0u) continue;
+      ++hits;
+      float t[4];
+      ASSERT_TRUE(x.intersect(int(got.primitive), r, t));
+      EXPECT_EQ(t[0], got.t);
+      // A preset distance hides every hit not strictly nearer.
+      hit limited{12345u, expect.t}, half{777u, expect.t * 0.5f};
+      tree.intersect(limited, r, x);
+      tree.intersect(half, r, x);
+      EXPECT_EQ(limited.primitive, 12345u);
+      EXPECT_EQ(limited.t, expect.t);
+      EXPECT_EQ(half.primitive, 777u);
     }
     EXPECT_GT(hits, 50) << n;
   }
@@ -172,7 +130,7 @@ TEST(Bvh, VerticalRaysAgreeWithSlightlyTiltedRays) {
       tree.intersect(b, tilted, x);
       ASSERT_NE(a.primitive, ~0u);
       EXPECT_NEAR(a.t, b.t, 1e-3f);
-      const hit brute = BruteForce(s, vertical, FLT_MAX);
+      const hit brute = BruteForce(s, vertical);
       EXPECT_EQ(a.t, brute.t);
     }
   }
@@ -182,8 +140,7 @@ TEST(Bvh, OnlyExactlyVerticalRaysTakeTheColumnWalk) {
   // A ray along the box's x = 0 face: the slab test meets 0 * inf there and
   // misses, the column walk takes the face as inside and finds the edge.
   Soup s;
-  s.xyz = {0, 0, 0, 2, 0, 0, 0, 2, 0};
-  s.tri = {0, 1, 2};
+  s.add({0, 0, 0, 2, 0, 0, 0, 2, 0});
   bvh tree;
   Build(tree, s);
   SoupIntersector x(s);
@@ -198,23 +155,19 @@ TEST(Bvh, OnlyExactlyVerticalRaysTakeTheColumnWalk) {
   }
 }
 
-TEST(Bvh, FourOrFewerPrimitivesMakeOneLeaf) {
+TEST(Bvh, FourOrFewerPrimitivesOrCoincidentCentroidsMakeOneLeaf) {
   std::mt19937 rng(5);
   for (int n = 1; n <= 4; ++n) {
     bvh tree;
     Build(tree, RandomSoup(rng, n, 50.0f, 2.0f));
-    EXPECT_EQ(tree.getNodeCount(), 1);
+    EXPECT_EQ(tree.getNodeCount(), 1) << n;
     EXPECT_EQ(tree.getNodes()[0].count, n);
     EXPECT_EQ(tree.getNodes()[0].first, 0);
   }
-}
-
-TEST(Bvh, CoincidentCentroidsMakeOneLeafWhateverTheCount) {
   Soup s;
   for (int i = 0; i < 50; ++i) {
     const float r = 1.0f + i;
-    s.xyz.insert(s.xyz.end(), {-r, -r, -r, r, r, r, 0, 0, 0});
-    s.tri.insert(s.tri.end(), {std::uint32_t(3 * i), std::uint32_t(3 * i + 1), std::uint32_t(3 * i + 2)});
+    s.add({-r, -r, -r, r, r, r, 0, 0, 0});
   }
   bvh tree;
   Build(tree, s);
@@ -222,63 +175,33 @@ TEST(Bvh, CoincidentCentroidsMakeOneLeafWhateverTheCount) {
   EXPECT_EQ(tree.getNodes()[0].count, 50);
 }
 
-TEST(Bvh, NodeCapacityFollowsTheTriangleCount) {
+TEST(Bvh, NodeCapacityFollowsTheTriangleCountAndTheFirstBuildFixesEpsilon) {
   std::mt19937 rng(8);
   struct Case {
     int n, capacityAtLeast;
   };
   for (const Case c : {Case{0, 1}, Case{1, 1}, Case{5, 4}, Case{100, 76}}) {
     bvh tree;
-    const Soup s = RandomSoup(rng, c.n, 10.0f, 1.0f);
-    simple_primitive_iterator it(s.xyz.data(), 12, s.tri.data(), s.count());
-    tree.build(it);
+    Build(tree, RandomSoup(rng, c.n, 10.0f, 1.0f));
     EXPECT_GE(tree.getNodeCapacity(), c.capacityAtLeast);
     EXPECT_LE(tree.getNodeCount(), tree.getNodeCapacity());
     EXPECT_EQ(tree.getNodeCount() % 2, 1);
   }
-}
-
-TEST(Bvh, EpsilonIsFixedByTheFirstBuild) {
-  std::mt19937 rng(3);
+  // The epsilon is fixed by the first build.
+  std::mt19937 seeded(3);
   bvh tree;
-  const Soup big = RandomSoup(rng, 20, 1000.0f, 1.0f);
-  Build(tree, big);
+  Build(tree, RandomSoup(seeded, 20, 1000.0f, 1.0f));
   const float eps = tree.getEpsilon();
   EXPECT_GT(eps, 0.0f);
   EXPECT_LT(eps, 1000.0f * 2e-5f);
-  Build(tree, RandomSoup(rng, 20, 1.0f, 0.1f));
+  Build(tree, RandomSoup(seeded, 20, 1.0f, 0.1f));
   EXPECT_EQ(tree.getEpsilon(), eps);
 }
 
-TEST(Bvh, PresetDistanceHidesFartherHits) {
-  std::mt19937 rng(11);
-  const Soup s = RandomSoup(rng, 500, 100.0f, 3.0f);
-  bvh tree;
-  Build(tree, s);
-  SoupIntersector x(s);
-  std::uniform_real_distribution<float> p(5.0f, 95.0f);
-  int checked = 0;
-  for (int q = 0; q < 300; ++q) {
-    const ray r = MakeRay(p(rng), p(rng), 200.0f, 0.01f, -0.02f, -0.9f);
-    const hit full = BruteForce(s, r, FLT_MAX);
-    if (full.primitive == ~0u) continue;
-    ++checked;
-    hit limited{12345u, full.t};  // nothing is strictly nearer than the nearest
-    tree.intersect(limited, r, x);
-    EXPECT_EQ(limited.primitive, 12345u);
-    EXPECT_EQ(limited.t, full.t);
-    hit tiny{777u, 0.5f};
-    tree.intersect(tiny, r, x);
-    EXPECT_EQ(tiny.primitive, 777u);
-  }
-  EXPECT_GT(checked, 20);
-}
-
 TEST(Bvh, EqualDistancesKeepTheFirstInTraversalOrder) {
-  // Two copies of one triangle in a single leaf: slot order decides.
+  // Three copies of one triangle in a single leaf: slot order decides.
   Soup s;
-  s.xyz = {0, 0, 0, 4, 0, 0, 0, 4, 0};
-  s.tri = {0, 1, 2, 0, 1, 2, 0, 1, 2};
+  for (int k = 0; k < 3; ++k) s.add({0, 0, 0, 4, 0, 0, 0, 4, 0});
   bvh tree;
   Build(tree, s);
   SoupIntersector x(s);
@@ -288,53 +211,20 @@ TEST(Bvh, EqualDistancesKeepTheFirstInTraversalOrder) {
     EXPECT_EQ(h.primitive, 0u);
     EXPECT_FLOAT_EQ(h.t, 5.0f);
   }
-}
-
-TEST(Bvh, EqualDistancesAcrossLeavesKeepTheLeftSubtree) {
-  // Many copies of one flat triangle far apart in x, plus duplicates of the
-  // target: the winner must be one the tree meets first, and repeated queries
-  // are deterministic.
+  // Across leaves: random triangles plus six copies of the target; the winner
+  // is the first of the copies in the tree's slot order.
   std::mt19937 rng(21);
-  Soup s = RandomSoup(rng, 64, 100.0f, 1.0f);
-  const std::uint32_t b = std::uint32_t(s.xyz.size() / 3);
-  s.xyz.insert(s.xyz.end(), {50, 50, 150, 52, 50, 150, 50, 52, 150});
-  for (int k = 0; k < 6; ++k) s.tri.insert(s.tri.end(), {b, b + 1, b + 2});
-  bvh tree;
-  Build(tree, s);
-  SoupIntersector x(s);
-  const ray r = MakeRay(50.5f, 50.5f, 200.0f, 0, 0, -1);
+  Soup many = RandomSoup(rng, 64, 100.0f, 1.0f);
+  for (int k = 0; k < 6; ++k) many.add({50, 50, 150, 52, 50, 150, 50, 52, 150});
+  bvh big;
+  Build(big, many);
+  SoupIntersector y(many);
   hit h{~0u, FLT_MAX};
-  tree.intersect(h, r, x);
+  big.intersect(h, MakeRay(50.5f, 50.5f, 200.0f, 0, 0, -1), y);
   EXPECT_FLOAT_EQ(h.t, 50.0f);
-  // The winner is the first of the duplicates in slot order of their leaf.
-  int firstSlot = -1;
-  for (int i = 0; i < tree.getPrimitiveCount(); ++i)
-    if (tree.getPrimitiveIndices()[i] >= 64u) {
-      firstSlot = i;
-      break;
-    }
-  EXPECT_EQ(h.primitive, tree.getPrimitiveIndices()[firstSlot]);
-}
-
-TEST(Bvh, SetNodesAndIndicesReloadATree) {
-  std::mt19937 rng(17);
-  const Soup s = RandomSoup(rng, 400, 50.0f, 2.0f);
-  bvh built;
-  Build(built, s);
-  bvh loaded;
-  loaded.setNodes(built.getNodes(), built.getNodeCount());
-  loaded.setPrimitiveIndices(built.getPrimitiveIndices(), built.getPrimitiveCount());
-  EXPECT_EQ(loaded.getNodeCapacity(), built.getNodeCount());
-  SoupIntersector x(s);
-  std::uniform_real_distribution<float> p(0.0f, 50.0f);
-  for (int q = 0; q < 200; ++q) {
-    const ray r = MakeRay(p(rng), p(rng), 60.0f, p(rng) * 0.01f, -0.1f, -1.0f);
-    hit a{~0u, FLT_MAX}, b{~0u, FLT_MAX};
-    built.intersect(a, r, x);
-    loaded.intersect(b, r, x);
-    EXPECT_EQ(a.t, b.t);
-    EXPECT_EQ(a.primitive, b.primitive);
-  }
+  int firstSlot = 0;
+  while (big.getPrimitiveIndices()[firstSlot] < 64u) ++firstSlot;
+  EXPECT_EQ(h.primitive, big.getPrimitiveIndices()[firstSlot]);
 }
 
 TEST(Bvh, EmptyTreeReportsNothing) {
@@ -354,8 +244,7 @@ TEST(Bvh, EmptyTreeReportsNothing) {
 
 TEST(Bvh, PrintRootWritesTheRootBox) {
   Soup s;
-  s.xyz = {1, 2, 3, 4, 5, 6, 1, 5, 3};
-  s.tri = {0, 1, 2};
+  s.add({1, 2, 3, 4, 5, 6, 1, 5, 3});
   bvh tree;
   Build(tree, s);
   testing::internal::CaptureStderr();
@@ -364,11 +253,10 @@ TEST(Bvh, PrintRootWritesTheRootBox) {
             "BVH box: 1.000000   2.000000   3.000000 : 4.000000   5.000000   6.000000\n\n");
 }
 
-TEST(Bvh, DegenerateAndNonFiniteInputStillBuilds) {
+TEST(Bvh, NonFiniteAndExponentiallySpacedInputStillBuildsAValidTree) {
   std::mt19937 rng(4);
   Soup s = RandomSoup(rng, 100, 10.0f, 1.0f);
-  const float nan = std::nanf("");
-  s.xyz[0] = nan;
+  s.xyz[0] = std::nanf("");
   s.xyz[10] = std::numeric_limits<float>::infinity();
   s.xyz[20] = -std::numeric_limits<float>::infinity();
   bvh tree;
@@ -378,25 +266,21 @@ TEST(Bvh, DegenerateAndNonFiniteInputStillBuilds) {
   hit h{~0u, FLT_MAX};
   tree.intersect(h, MakeRay(5, 5, 20, 0, 0, -1), x);
   tree.intersect(h, MakeRay(5, 5, 20, 0.1f, 0, -1), x);
-}
 
-TEST(Bvh, ExponentiallySpacedPrimitivesKeepTheTreeShallow) {
   // Each split peels off one primitive; the depth cap keeps queries in bounds.
-  Soup s;
+  Soup chain;
   for (int i = 0; i < 400; ++i) {
-    const float x = std::ldexp(1.0f, i / 4 - 40);
-    const std::uint32_t b = std::uint32_t(s.xyz.size() / 3);
-    s.xyz.insert(s.xyz.end(), {x, 0, 0, x, 1, 0, x, 0, 1});
-    s.tri.insert(s.tri.end(), {b, b + 1, b + 2});
+    const float at = std::ldexp(1.0f, i / 4 - 40);
+    chain.add({at, 0, 0, at, 1, 0, at, 0, 1});
   }
-  bvh tree;
-  Build(tree, s);
-  CheckStructure(tree, 400);
-  SoupIntersector x(s);
-  const float far = std::ldexp(1.0f, 59);
-  hit h{~0u, FLT_MAX};
-  tree.intersect(h, MakeRay(far * 2, 0.1f, 0.1f, -1, 0, 0), x);
-  EXPECT_EQ(h.t, BruteForce(s, MakeRay(far * 2, 0.1f, 0.1f, -1, 0, 0), FLT_MAX).t);
+  bvh deep;
+  Build(deep, chain);
+  CheckStructure(deep, 400);
+  SoupIntersector y(chain);
+  const ray r = MakeRay(std::ldexp(1.0f, 60), 0.1f, 0.1f, -1, 0, 0);
+  hit g{~0u, FLT_MAX};
+  deep.intersect(g, r, y);
+  EXPECT_EQ(g.t, BruteForce(chain, r).t);
 }
 
 TEST(Lane4, SimdAndScalarSlabTestsAgreeBitForBit) {

@@ -14,7 +14,7 @@
 #include "kel/sff/sff_file_stream.h"
 #include "kel/sff/sff_writer.h"
 #include "kel/spatial/bvh.h"
-#include "spatial/detail/triangle.h"
+#include "spatial/soup.h"
 #include "support/log_capture.h"
 
 namespace kel {
@@ -69,7 +69,7 @@ hit Down(const SFF2BVH& tile, float x, float y) { return Pick(tile, MakeRay(x, y
 // A right triangle in the plane z, legs of length 2 from (x, y).
 std::vector<float> Tri(float x, float y, float z) { return {x, y, z, x + 2, y, z, x, y + 2, z}; }
 
-TEST(Sff2Bvh, OneMeshWithoutIndicesIsOneTriangle) {
+TEST(Sff2Bvh, OneMeshWithoutIndicesIsOneTwoSidedTriangle) {
   const SFF2BVH tile = Load(WriteTile({Mesh{Tri(0, 0, 5), {}}}));
   ASSERT_TRUE(tile.valid());
   EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 1);
@@ -82,49 +82,71 @@ TEST(Sff2Bvh, OneMeshWithoutIndicesIsOneTriangle) {
   const hit h = Pick(tile, r);
   EXPECT_EQ(h.primitive, 0u);
   EXPECT_FLOAT_EQ(h.t, 5.0f);
+  // Parallel rays miss; rays starting on the triangle hit at zero; back faces count.
+  EXPECT_FALSE(tile.getIntersector()->intersect(0, MakeRay(-1, 0.5f, 5, 1, 0, 0), out));
+  EXPECT_FALSE(tile.getIntersector()->intersect(0, MakeRay(-1, 0.5f, 5, 1, 1e-12f, 0), out));
+  ASSERT_TRUE(tile.getIntersector()->intersect(0, MakeRay(0.5f, 0.5f, 5, 0.3f, 0.1f, -1), out));
+  EXPECT_EQ(out[0], 0.0f);
+  const hit on = Pick(tile, MakeRay(0.5f, 0.5f, 5, 0, 0, -1));
+  EXPECT_EQ(on.primitive, 0u);
+  EXPECT_EQ(on.t, 0.0f);
+  EXPECT_FLOAT_EQ(Pick(tile, MakeRay(0.5f, 0.5f, 1, 0, 0, 1)).t, 4.0f);
 }
 
-TEST(Sff2Bvh, ExplicitIndicesOfLaterMeshesAreOffset) {
-  const SFF2BVH tile = Load(WriteTile({Mesh{Tri(0, 0, 1), std::vector<std::uint64_t>{0, 1, 2}},
-                                       Mesh{Tri(10, 0, 2), std::vector<std::uint64_t>{0, 1, 2}},
-                                       Mesh{Tri(20, 0, 3), std::vector<std::uint64_t>{2, 1, 0}}}));
-  ASSERT_TRUE(tile.valid());
-  EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 3);
-  struct Case {
-    float x, t;
-    std::uint32_t primitive;
+TEST(Sff2Bvh, IndexArraysFollowTheMeshRules) {
+  using Idx = std::vector<std::uint64_t>;
+  constexpr int kMiss = -2, kAny = -1;
+  struct Probe {
+    float x;
+    int primitive;  // kMiss, kAny or the index
+    float t;        // < 0: any
   };
-  for (const Case c : {Case{0.5f, 99, 0}, Case{10.5f, 98, 1}, Case{20.5f, 97, 2}}) {
-    const hit h = Down(tile, c.x, 0.5f);
-    EXPECT_EQ(h.primitive, c.primitive) << c.x;
-    EXPECT_FLOAT_EQ(h.t, c.t) << c.x;
+  struct Case {
+    const char* label;
+    std::vector<Mesh> meshes;
+    int count;
+    std::vector<Probe> probes;
+  } cases[] = {
+      {"explicit indices of later meshes are offset",
+       {Mesh{Tri(0, 0, 1), Idx{0, 1, 2}}, Mesh{Tri(10, 0, 2), Idx{0, 1, 2}}, Mesh{Tri(20, 0, 3), Idx{2, 1, 0}}},
+       3,
+       {{0.5f, 0, 99}, {10.5f, 1, 98}, {20.5f, 2, 97}}},
+      // Mesh 2 has its own vertices at x = 10 but no index array: its triangle
+      // is (0, 1, 2) of the whole soup, i.e. mesh 1's triangle once more; two
+      // equal triangles in one leaf: the first wins.
+      {"implicit indices of later meshes reuse the first vertices",
+       {Mesh{Tri(0, 0, 1), Idx{0, 1, 2}}, Mesh{Tri(10, 0, 4), {}}},
+       2,
+       {{10.5f, kMiss, -1}, {0.5f, 0, 99}}},
+      {"first mesh without indices and a later one with both pick",
+       {Mesh{Tri(0, 0, 1), {}}, Mesh{Tri(10, 0, 2), Idx{0, 1, 2}}, Mesh{Tri(20, 0, 3), {}}},
+       3,
+       {{0.5f, kAny, 99}, {10.5f, kAny, 98}, {20.5f, kMiss, -1}}},
+      // Explicit indices are checked against the whole soup once it is read.
+      {"indices may name vertices of later meshes",
+       {Mesh{Tri(0, 0, 1), Idx{3, 4, 5}}, Mesh{Tri(10, 0, 2), Idx{0, 1, 2}}},
+       2,
+       {{10.5f, 0, -1}}},
+  };
+  for (const Case& c : cases) {
+    const SFF2BVH tile = Load(WriteTile(c.meshes));
+    ASSERT_TRUE(tile.valid()) << c.label;
+    EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), c.count) << c.label;
+    for (const Probe& p : c.probes) {
+      const hit h = Down(tile, p.x, 0.5f);
+      SCOPED_TRACE(::testing::Message() << c.label << " x " << p.x);
+      if (p.primitive != kAny) {
+        EXPECT_EQ(h.primitive, p.primitive == kMiss ? ~0u : std::uint32_t(p.primitive));
+      }
+      if (p.t >= 0) {
+        EXPECT_FLOAT_EQ(h.t, p.t);
+      }
+    }
   }
-}
-
-TEST(Sff2Bvh, ImplicitIndicesOfLaterMeshesReuseTheFirstVertices) {
-  // Mesh 2 has its own vertices at x = 10 but no index array: its triangle
-  // is (0, 1, 2) of the whole soup, i.e. mesh 1's triangle once more.
-  const SFF2BVH tile = Load(WriteTile({Mesh{Tri(0, 0, 1), std::vector<std::uint64_t>{0, 1, 2}},
-                                       Mesh{Tri(10, 0, 4), {}}}));
-  ASSERT_TRUE(tile.valid());
-  EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 2);
-  EXPECT_EQ(Down(tile, 10.5f, 0.5f).primitive, ~0u);  // nothing at mesh 2's own place
-  const hit h = Down(tile, 0.5f, 0.5f);
-  EXPECT_FLOAT_EQ(h.t, 99.0f);
-  EXPECT_EQ(h.primitive, 0u);  // two equal triangles in one leaf: the first wins
+  // The second copy of the implicit case is a triangle of its own.
+  const SFF2BVH twice = Load(WriteTile(cases[1].meshes));
   float out[4];
-  EXPECT_TRUE(tile.getIntersector()->intersect(1, MakeRay(0.5f, 0.5f, 100, 0, 0, -1), out));
-}
-
-TEST(Sff2Bvh, FirstMeshWithoutIndicesAndLaterMeshWithIndicesBothPick) {
-  const SFF2BVH tile = Load(WriteTile({Mesh{Tri(0, 0, 1), {}},
-                                       Mesh{Tri(10, 0, 2), std::vector<std::uint64_t>{0, 1, 2}},
-                                       Mesh{Tri(20, 0, 3), {}}}));
-  ASSERT_TRUE(tile.valid());
-  EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 3);
-  EXPECT_FLOAT_EQ(Down(tile, 0.5f, 0.5f).t, 99.0f);
-  EXPECT_FLOAT_EQ(Down(tile, 10.5f, 0.5f).t, 98.0f);
-  EXPECT_EQ(Down(tile, 20.5f, 0.5f).primitive, ~0u);
+  EXPECT_TRUE(twice.getIntersector()->intersect(1, MakeRay(0.5f, 0.5f, 100, 0, 0, -1), out));
 }
 
 TEST(Sff2Bvh, SecondArraysInOneMeshWarnAndAreIgnored) {
@@ -157,15 +179,6 @@ TEST(Sff2Bvh, OutOfRangeIndicesDropTheirTrianglesWithOneWarning) {
   EXPECT_EQ(Down(tile, 30.5f, 0.5f).primitive, ~0u);
 }
 
-TEST(Sff2Bvh, IndicesMayNameVerticesOfLaterMeshes) {
-  // Explicit indices are checked against the whole soup once it is read.
-  const SFF2BVH tile = Load(WriteTile({Mesh{Tri(0, 0, 1), std::vector<std::uint64_t>{3, 4, 5}},
-                                       Mesh{Tri(10, 0, 2), std::vector<std::uint64_t>{0, 1, 2}}}));
-  ASSERT_TRUE(tile.valid());
-  EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 2);
-  EXPECT_EQ(Down(tile, 10.5f, 0.5f).primitive, 0u);
-}
-
 TEST(Sff2Bvh, NestedMeshNodesAppendTheImplicitListOnce) {
   sff_buff_os out;
   {
@@ -180,7 +193,7 @@ TEST(Sff2Bvh, NestedMeshNodesAppendTheImplicitListOnce) {
   EXPECT_EQ(tile.getBVH()->getPrimitiveCount(), 1);
 }
 
-TEST(Sff2Bvh, FilesWithoutTrianglesAreInvalid) {
+TEST(Sff2Bvh, FilesWithoutTrianglesAreInvalidAndUnreadableOnesLogAnError) {
   struct Case {
     const char* label;
     std::vector<unsigned char> bytes;
@@ -199,15 +212,13 @@ TEST(Sff2Bvh, FilesWithoutTrianglesAreInvalid) {
     EXPECT_EQ(tile.getBVH(), nullptr) << c.label;
     EXPECT_EQ(tile.getIntersector(), nullptr) << c.label;
   }
-}
-
-TEST(Sff2Bvh, UnreadableFileLogsAnErrorAndStaysInvalid) {
-  test::LogCapture capture;
+  // Unreadable bytes log one error.
+  test::LogCapture unreadable;
   const SFF2BVH tile = Load({'n', 'o', 'p', 'e'});
   EXPECT_FALSE(tile.valid());
-  ASSERT_EQ(capture.log().events.size(), 1u);
-  EXPECT_EQ(capture.log().events[0].level, log4cplus::ERROR_LOG_LEVEL);
-  EXPECT_NE(capture.log().events[0].message.find("Invalid SFF file"), std::string::npos);
+  ASSERT_EQ(unreadable.log().events.size(), 1u);
+  EXPECT_EQ(unreadable.log().events[0].level, log4cplus::ERROR_LOG_LEVEL);
+  EXPECT_NE(unreadable.log().events[0].message.find("Invalid SFF file"), std::string::npos);
 }
 
 TEST(Sff2Bvh, EveryTruncatedPrefixLoadsWithoutThrowing) {
@@ -224,88 +235,45 @@ TEST(Sff2Bvh, EveryTruncatedPrefixLoadsWithoutThrowing) {
   }
 }
 
-TEST(Sff2Bvh, CompressedTilesPickLikePlainOnes) {
-  std::mt19937 rng(3);
-  std::uniform_real_distribution<float> p(0.0f, 20.0f);
-  Mesh m;
-  for (int i = 0; i < 200; ++i) {
-    const auto t = Tri(p(rng), p(rng), p(rng));
-    m.xyz.insert(m.xyz.end(), t.begin(), t.end());
-  }
-  const SFF2BVH plain = Load(WriteTile({m}, false));
-  const SFF2BVH packed = Load(WriteTile({m}, true));
-  ASSERT_TRUE(plain.valid() && packed.valid());
-  for (int q = 0; q < 200; ++q) {
-    const float x = p(rng), y = p(rng);
-    const hit a = Down(plain, x, y), b = Down(packed, x, y);
-    EXPECT_EQ(a.primitive, b.primitive);
-    EXPECT_EQ(a.t, b.t);
-  }
-}
-
-TEST(Sff2Bvh, ParallelRaysMissAndRaysStartingOnATriangleHitAtZero) {
-  const SFF2BVH tile = Load(WriteTile({Mesh{Tri(0, 0, 1), {}}}));
-  ASSERT_TRUE(tile.valid());
-  float out[4];
-  EXPECT_FALSE(tile.getIntersector()->intersect(0, MakeRay(-1, 0.5f, 1, 1, 0, 0), out));
-  EXPECT_FALSE(tile.getIntersector()->intersect(0, MakeRay(-1, 0.5f, 1, 1, 1e-12f, 0), out));
-  ASSERT_TRUE(tile.getIntersector()->intersect(0, MakeRay(0.5f, 0.5f, 1, 0.3f, 0.1f, -1), out));
-  EXPECT_EQ(out[0], 0.0f);
-  const hit h = Pick(tile, MakeRay(0.5f, 0.5f, 1, 0, 0, -1));
-  EXPECT_EQ(h.primitive, 0u);
-  EXPECT_EQ(h.t, 0.0f);
-  // Back faces count: from below, pointing up.
-  EXPECT_FLOAT_EQ(Pick(tile, MakeRay(0.5f, 0.5f, -3, 0, 0, 1)).t, 4.0f);
-}
-
-TEST(Sff2Bvh, MultiMeshTilesMatchABruteForceModel) {
+TEST(Sff2Bvh, MultiMeshTilesPlainOrCompressedMatchABruteForceModel) {
   // Random meshes, some with index arrays and some without; the model soup
   // applies the same rules and is scanned triangle by triangle.
   std::mt19937 rng(8);
   std::uniform_real_distribution<float> p(0.0f, 30.0f), d(-2.0f, 2.0f);
   std::vector<Mesh> meshes;
-  std::vector<float> soup;
-  std::vector<std::uint32_t> tris;
+  fdo::test::Soup soup;
   for (int m = 0; m < 12; ++m) {
     Mesh mesh;
     const int nv = 3 * (1 + int(rng() % 8));
     for (int i = 0; i < nv; ++i) mesh.xyz.insert(mesh.xyz.end(), {p(rng), p(rng), p(rng) * 0.3f});
-    const std::uint32_t base = std::uint32_t(soup.size() / 3);
+    const std::uint32_t base = std::uint32_t(soup.xyz.size() / 3);
     if (rng() % 2) {
       std::vector<std::uint64_t> idx;
       for (int i = 0; i < nv; ++i) idx.push_back(rng() % std::uint32_t(nv));
-      for (auto i : idx) tris.push_back(std::uint32_t(i) + base);
+      for (auto i : idx) soup.tri.push_back(std::uint32_t(i) + base);
       mesh.indices = idx;
     } else {
-      for (int i = 0; i < nv; ++i) tris.push_back(std::uint32_t(i));
+      for (int i = 0; i < nv; ++i) soup.tri.push_back(std::uint32_t(i));
     }
-    soup.insert(soup.end(), mesh.xyz.begin(), mesh.xyz.end());
+    soup.xyz.insert(soup.xyz.end(), mesh.xyz.begin(), mesh.xyz.end());
     meshes.push_back(mesh);
   }
-  const SFF2BVH tile = Load(WriteTile(meshes));
-  ASSERT_TRUE(tile.valid());
-  ASSERT_EQ(std::size_t(tile.getBVH()->getPrimitiveCount()), tris.size() / 3);
+  const SFF2BVH tile = Load(WriteTile(meshes)), packed = Load(WriteTile(meshes, true));
+  ASSERT_TRUE(tile.valid() && packed.valid());
+  ASSERT_EQ(tile.getBVH()->getPrimitiveCount(), soup.count());
   int hits = 0;
   for (int q = 0; q < 400; ++q) {
     const ray r = q % 2 ? MakeRay(p(rng), p(rng), 50, 0, 0, -1) : MakeRay(p(rng), p(rng), 50, d(rng), d(rng), -10);
-    const hit got = Pick(tile, r);
-    hit want{~0u, FLT_MAX};
-    float out[4];
-    for (std::uint32_t t = 0; t < tris.size() / 3; ++t) {
-      const float* v = soup.data();
-      if (fdo::detail::RayTriangle(v + 3 * tris[3 * t], v + 3 * tris[3 * t + 1], v + 3 * tris[3 * t + 2], r, FLT_MAX,
-                                   out) &&
-          out[0] < want.t)
-        want = hit{t, out[0]};
-    }
+    const hit got = Pick(tile, r), want = fdo::test::BruteForce(soup, r);
     EXPECT_EQ(got.t, want.t);
+    const hit unpacked = Pick(packed, r);  // a compressed tile picks like a plain one
+    EXPECT_EQ(unpacked.primitive, got.primitive);
+    EXPECT_EQ(unpacked.t, got.t);
     if (want.primitive == ~0u) continue;
     ++hits;
     // The reported triangle is one the model hits at that distance.
-    const float* v = soup.data();
-    const std::uint32_t g = got.primitive;
-    ASSERT_TRUE(
-        fdo::detail::RayTriangle(v + 3 * tris[3 * g], v + 3 * tris[3 * g + 1], v + 3 * tris[3 * g + 2], r, FLT_MAX, out));
+    float out[4];
+    ASSERT_TRUE(soup.intersect(got.primitive, r, out));
     EXPECT_EQ(out[0], want.t);
   }
   EXPECT_GT(hits, 100);

@@ -20,7 +20,7 @@ TEST(TileCoords, DefaultAndInvalidAreMinusOneZeroZero) {
   EXPECT_TRUE(T(0, 0, 0).isValid());
 }
 
-TEST(TileCoords, ParentFollowsTheWorkedExamples) {
+TEST(TileCoords, ParentsChildrenAndSubTilesFollowTheWorkedExamples) {
   struct Case {
     T tile;
     T parent;
@@ -29,18 +29,12 @@ TEST(TileCoords, ParentFollowsTheWorkedExamples) {
       {T(-1, 0, 0), T()},         {T(1, -3, 3), T(0, -2, 1)},
   };
   for (const auto& c : cases) EXPECT_EQ(c.tile.getParent(), c.parent) << c.tile.level << "," << c.tile.row;
-}
-
-TEST(TileCoords, ParentAtLevelFollowsTheWorkedExamples) {
   EXPECT_EQ(T(3, 5, 4).getParentAtLevel(3), T(3, 5, 4));
   EXPECT_EQ(T(3, 5, 4).getParentAtLevel(4), T());
   EXPECT_EQ(T(3, -5, 9).getParentAtLevel(1), T(1, -2, 2));
   EXPECT_EQ(T().getParentAtLevel(0), T());
   // A negative target is not rejected; the result is itself invalid.
   EXPECT_FALSE(T(2, 1, 1).getParentAtLevel(-1).isValid());
-}
-
-TEST(TileCoords, ChildrenFollowTheWorkedExamples) {
   EXPECT_EQ(T(2, -1, 3).getChild(1, 0), T(3, -2, 6));
   EXPECT_EQ(T(0, 0, 0).getChild(3), T(1, 1, 1));
   EXPECT_EQ(T().getChild(0), T());
@@ -49,9 +43,6 @@ TEST(TileCoords, ChildrenFollowTheWorkedExamples) {
   EXPECT_EQ(T(3, -2, 6).getChildIndex(), 2);
   EXPECT_EQ(T(3, -1, 7).getChildIndex(), 1);
   EXPECT_EQ(T(0, 9, 9).getChildIndex(), 0);
-}
-
-TEST(TileCoords, SubTileFollowsTheWorkedExamples) {
   EXPECT_TRUE(T(2, 1, 1).isSubTileOf(T(2, 1, 1)));
   EXPECT_TRUE(T(2, 1, 1).isSubTileOf(T(0, 0, 0)));
   EXPECT_FALSE(T(2, 1, 1).isSubTileOf(T(3, 2, 2)));
