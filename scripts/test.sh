@@ -10,7 +10,7 @@ jobs=${KEL_JOBS:-$(nproc)}
 fuzz_seconds=${KEL_FUZZ_SECONDS:-20}
 out=${KEL_BUILD_ROOT:-$root/build-ci}
 
-bash scripts/setup.sh
+bash scripts/setup.sh --test
 
 step() { printf '\n==== %s\n' "$*"; }
 
