@@ -1,6 +1,7 @@
 // Umbrella header: every public header of the kel library.
 #pragma once
 
+#include "kel/core/atomic_file.h"
 #include "kel/core/enumerate.h"
 #include "kel/core/locale.h"
 #include "kel/core/log.h"
