@@ -30,6 +30,13 @@ std::wstring Failure(const char* what, const std::string& path, int error) {
   return Utf8String2WString(std::string(what) + " " + path + ": " + std::strerror(error));
 }
 
+// Callers that log the C runtime's error number find it in errno.
+[[noreturn]] void Throw(const std::wstring& message, int error) {
+  wexception e(message);
+  errno = error;
+  throw e;
+}
+
 // Writes everything or returns the errno that stopped it. A write that
 // accepts nothing without an error is a full device by another name.
 int WriteAll(int fd, const unsigned char* p, std::size_t n) {
@@ -97,11 +104,13 @@ struct AtomicFile::State {
   std::uint64_t size = 0;
   bool committed = false;
   std::wstring failure;  // set once a step failed; the object is then dead
+  int failureErrno = 0;
 
-  [[noreturn]] void fail(std::wstring message) {
-    failure = std::move(message);
+  [[noreturn]] void fail(const char* what, int error) {
+    failure = Failure(what, path, error);
+    failureErrno = error;
     drop();
-    throw wexception(failure);
+    Throw(failure, error);
   }
 
   void drop() noexcept {
@@ -114,8 +123,8 @@ struct AtomicFile::State {
   }
 
   void checkUsable() const {
-    if (!failure.empty()) throw wexception(failure);
-    if (committed) throw wexception(Utf8String2WString("Already committed: " + path));
+    if (!failure.empty()) Throw(failure, failureErrno);
+    if (committed) Throw(Utf8String2WString("Already committed: " + path), EINVAL);
   }
 
   std::string nextTempName() const {
@@ -124,7 +133,7 @@ struct AtomicFile::State {
 
   void flush() {
     if (buffer.empty()) return;
-    if (const int error = WriteAll(fd, buffer.data(), buffer.size())) fail(Failure("Failed to write", path, error));
+    if (const int error = WriteAll(fd, buffer.data(), buffer.size())) fail("Failed to write", error);
     buffer.clear();
   }
 };
@@ -137,13 +146,13 @@ AtomicFile::AtomicFile(const std::string& utf8Path) : state_(std::make_unique<St
   const std::string folder = FolderOf(utf8Path);
   const std::string name = NameOf(utf8Path);
   if (name.empty() || name == "." || name == "..")
-    throw wexception(Failure("Failed to create", utf8Path, EISDIR));
+    Throw(Failure("Failed to create", utf8Path, EISDIR), EISDIR);
   RemoveLeftovers(folder, name);
 
   // Replacing a file keeps its permissions; a new one gets what fopen gives.
   struct stat old {};
   const bool replacing = ::stat(utf8Path.c_str(), &old) == 0;
-  if (replacing && S_ISDIR(old.st_mode)) throw wexception(Failure("Failed to create", utf8Path, EISDIR));
+  if (replacing && S_ISDIR(old.st_mode)) Throw(Failure("Failed to create", utf8Path, EISDIR), EISDIR);
 
 #ifdef O_TMPFILE
   if (CanLinkUnnamed()) s.fd = ::open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
@@ -157,7 +166,7 @@ AtomicFile::AtomicFile(const std::string& utf8Path) : state_(std::make_unique<St
     if (s.fd < 0) {
       const int error = errno;
       s.tempPath.clear();
-      throw wexception(Failure("Failed to create", utf8Path, error));
+      Throw(Failure("Failed to create", utf8Path, error), error);
     }
   }
   if (replacing && S_ISREG(old.st_mode)) ::fchmod(s.fd, old.st_mode & 07777);
@@ -185,7 +194,7 @@ void AtomicFile::write(const void* data, std::size_t size) {
   if (s.buffer.size() + size > kBufferSize) {
     s.flush();
     if (size >= kBufferSize) {
-      if (const int error = WriteAll(s.fd, p, size)) s.fail(Failure("Failed to write", s.path, error));
+      if (const int error = WriteAll(s.fd, p, size)) s.fail("Failed to write", error);
       s.size += size;
       return;
     }
@@ -199,7 +208,7 @@ void AtomicFile::commit() {
   State& s = *state_;
   s.checkUsable();
   s.flush();
-  if (::fsync(s.fd) != 0) s.fail(Failure("Failed to write", s.path, errno));
+  if (::fsync(s.fd) != 0) s.fail("Failed to write", errno);
   if (s.tempPath.empty()) {
     // Give the unnamed temporary a name beside the target; rename() then
     // replaces the target in one step, which linkat() cannot do.
@@ -209,14 +218,14 @@ void AtomicFile::commit() {
       if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, s.tempPath.c_str(), AT_SYMLINK_FOLLOW) == 0) break;
       const int error = errno;
       s.tempPath.clear();
-      if (error != EEXIST) s.fail(Failure("Failed to write", s.path, error));
+      if (error != EEXIST) s.fail("Failed to write", error);
     }
-    if (s.tempPath.empty()) s.fail(Failure("Failed to write", s.path, EEXIST));
+    if (s.tempPath.empty()) s.fail("Failed to write", EEXIST);
   }
   const int fd = s.fd;
   s.fd = -1;
-  if (::close(fd) != 0) s.fail(Failure("Failed to write", s.path, errno));
-  if (::rename(s.tempPath.c_str(), s.path.c_str()) != 0) s.fail(Failure("Failed to replace", s.path, errno));
+  if (::close(fd) != 0) s.fail("Failed to write", errno);
+  if (::rename(s.tempPath.c_str(), s.path.c_str()) != 0) s.fail("Failed to replace", errno);
   s.tempPath.clear();
   s.committed = true;
   s.buffer.clear();
@@ -229,6 +238,7 @@ void AtomicFile::discard() noexcept {
   if (!state_->committed && state_->failure.empty()) {
     try {
       state_->failure = Utf8String2WString("Discarded: " + state_->path);
+      state_->failureErrno = ECANCELED;
     } catch (...) {
       state_->failure = L"Discarded";
     }

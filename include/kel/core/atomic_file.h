@@ -10,7 +10,8 @@
 // removes such leftovers whose process is gone.
 //
 // Paths are UTF-8 (the native form on POSIX). Every failure throws
-// kel::wexception naming the path and the system's reason. One object belongs
+// kel::wexception naming the path and the system's reason; errno holds the
+// system's error number when the exception is caught. One object belongs
 // to one thread at a time; distinct objects are independent, also for the
 // same target (the last commit wins).
 #pragma once
