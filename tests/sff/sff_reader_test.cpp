@@ -215,15 +215,21 @@ TEST(SffReader, EveryPrefixReadsCleanlyOrThrowsTheStreamError) {
       const Bytes prefix(full.begin(), full.begin() + n);
       sff_buff_is in(prefix.data(), prefix.size());
       RecordingCallback cb;
+      bool threw = false;
       try {
         sff_reader().read(in, cb);
       } catch (const wexception& e) {
+        threw = true;
         const std::wstring m = e.message();
         if (n < 4) {
           EXPECT_EQ(m, L"Invalid SFF file") << n;
         } else {
           EXPECT_TRUE(m == L"Invalid SFF stream!" || (compress && m == L"Inflate error.")) << n;
         }
+      }
+      // A cut compressed stream is always noticed, also at a record boundary.
+      if (compress) {
+        EXPECT_TRUE(threw) << n;
       }
       // Whatever was delivered is a prefix of the full record list.
       ASSERT_LE(cb.events.size(), expected.size()) << n;
