@@ -203,27 +203,6 @@ std::shared_ptr<IImage> DecodeJpeg(const std::uint8_t* data, std::size_t size, c
   return image;
 }
 
-std::uint32_t Le32(const std::uint8_t* p) {
-  return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
-         static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
-}
-
-// DDSFileUtil trusts the header's pixel byte count; check it against the
-// bytes present (and the size limit) before handing the buffer over.
-void CheckDdsFits(const std::uint8_t* data, std::size_t size, const std::wstring& name) {
-  if (size < 128 || std::memcmp(data, "DDS ", 4) != 0) return;  // DDSFileUtil reports these
-  const std::uint64_t height = Le32(data + 12), width = Le32(data + 16);
-  std::uint64_t levels = Le32(data + 28);
-  if (levels == 0) levels = 1;
-  IImage::Format format;
-  if (Le32(data + 88) == 32) format = IImage::RGBA;
-  else if ((Le32(data + 80) & 4) != 0 && std::memcmp(data + 84, "DXT1", 4) == 0) format = IImage::DXT1;
-  else if ((Le32(data + 80) & 4) != 0 && std::memcmp(data + 84, "DXT5", 4) == 0) format = IImage::DXT5;
-  else return;  // unsupported: DDSFileUtil throws its own message
-  if (TooLarge(width, height)) Fail(L"Image decompression failed: ", name);
-  if (IImage::SizeInBytes(width, height, format, levels) > size - 128) Fail(L"Image decompression failed: ", name);
-}
-
 std::shared_ptr<IImage> Decode(const std::uint8_t* data, std::size_t size, const std::wstring& name, Kind kind,
                                IImage::Format format) {
   std::shared_ptr<IImage> image;
@@ -231,7 +210,7 @@ std::shared_ptr<IImage> Decode(const std::uint8_t* data, std::size_t size, const
     case Kind::Png: image = DecodePng(data, size, name); break;
     case Kind::Jpeg: image = DecodeJpeg(data, size, name); break;
     case Kind::Dds:
-      CheckDdsFits(data, size, name);
+      // Bounded by its input too: a header claiming more than the bytes is refused.
       image = DDSFileUtil::LoadTextureFromBuffer(data, size);
       if (!image) Fail(L"Image decompression failed: ", name);
       break;

@@ -330,6 +330,7 @@ TEST_P(DdsMadeByOthers, LoadLikeTheirDecodersShowThem) {
   EXPECT_EQ(img->format(), c.loadsAs);
   EXPECT_EQ(DDSFileUtil::GetFormat(path), c.loadsAs);
   EXPECT_EQ(img->mipLevels(), c.levels);
+  EXPECT_TRUE(ImageUtil::Load(path, IImage::RGBA)) << "through the picture loader too";
   const Bytes file = ReadFile(path);
   const std::uint32_t announced = std::max<std::uint32_t>(1, Word(file, At(6)));
   EXPECT_EQ(log.contains("DDS mip levels the image model cannot hold were dropped"), c.levels < announced);
