@@ -379,6 +379,11 @@ Plan MakePlan(const Header& h, const Layout& l, std::uint64_t dataSize) {
     p.needed = ~std::uint64_t{0};
     return p;
   }
+  if (w == 0 || ht == 0) {  // no pixels at all: an empty image, as the model has it
+    p.own = true;
+    p.kept = p.announced;
+    return p;
+  }
   // A volume's levels interleave its slices; only level 0's first slice is whole.
   const bool volume = l.firstSliceOnly && (h[kCaps2] & kCaps2Volume);
   p.levels = volume ? 1 : std::min(p.announced, ChainLength(w, ht));
