@@ -101,7 +101,7 @@ public:
   void array8(const void*, std::size_t n, std::uint32_t extra) override {
     line("array8", n * 8, std::to_string(n) + " x 8 bytes, extra " + std::to_string(extra));
   }
-  void indices(const void*, std::size_t n) override { array("indices", n, 4); }
+  void array4(const void*, std::size_t n) override { array("array4", n, 4); }
   void integers(const std::uint64_t*, std::size_t n) override { line("integers", n * 8, std::to_string(n) + " values"); }
   void string34(const char* t, std::size_t n) override { line("string34", n, Quote(t, n)); }
   void string32(const char* t, std::size_t n) override { line("string32", n, Quote(t, n)); }
