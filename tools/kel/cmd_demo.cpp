@@ -79,6 +79,8 @@ void WriteTile(const std::string& path, const std::vector<Mesh>& meshes) {
     writer.end();
   }
   writer.end();
+  writer.finish();
+  file.commit();
 }
 
 void Heading(const std::string& text) { std::printf("\n== %s\n", text.c_str()); }

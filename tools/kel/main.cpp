@@ -1,5 +1,6 @@
 // kel: the command-line face of the kel library.
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <memory>
@@ -86,6 +87,9 @@ int RunKel(const std::vector<std::string>& args) {
 }  // namespace tool
 
 int main(int argc, char** argv) {
+  // A file size limit (ulimit -f) then fails the write with EFBIG, which the
+  // library reports and cleans up after, instead of killing the process.
+  std::signal(SIGXFSZ, SIG_IGN);
   tool::ConfigureLogging();
   std::vector<std::string> args(argv + 1, argv + argc);
   if (!args.empty() && args[0] == "help") args[0] = "--help";
