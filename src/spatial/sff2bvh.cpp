@@ -210,7 +210,9 @@ void SFF2BVH::load(sff_input_stream& source, const std::wstring& name) {
   auto indices = std::make_shared<IndexArray>();
   {
     SFF2BVHProcessor processor(vertices, indices);
-    sff_reader().read(source, processor);
+    // One reader per thread, reused tile after tile: its buffers stay warm.
+    thread_local sff_reader reader;
+    reader.read(source, processor);
   }
   DropBadTriangles(*vertices, *indices);
   if (vertices->empty() || indices->empty()) return;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -371,6 +372,60 @@ TEST(SffReader, RandomRecordSequencesRoundTrip) {
     }
     EXPECT_EQ(Read(sink.bytes()), expected) << round;
   }
+}
+
+// Big scratch blocks pass from finished readers to new ones; whatever a new
+// reader adopts, with whatever bytes it holds, it delivers the file's arrays.
+class Digest : public sff_read_callback {
+public:
+  std::vector<std::size_t> seen;
+  void positions(const void* d, std::size_t n) override {
+    seen.push_back(std::hash<std::string_view>()(std::string_view(static_cast<const char*>(d), n * 12)));
+  }
+  void integers(const std::uint64_t* v, std::size_t n) override {
+    seen.push_back(std::hash<std::string_view>()(std::string_view(reinterpret_cast<const char*>(v), n * 8)));
+  }
+};
+
+TEST(SffReader, ReadersMadePerFileAgreeWithOneReusedReader) {
+  std::mt19937 rng(3);
+  std::vector<Bytes> files;
+  std::vector<Digest> expected;
+  for (std::size_t vertices : {std::size_t{200000}, std::size_t{90000}, std::size_t{300000}, std::size_t{100}}) {
+    std::vector<float> xyz(3 * vertices);
+    for (auto& f : xyz) f = static_cast<float>(rng() % 1000);
+    std::vector<std::uint64_t> idx(vertices);
+    for (auto& i : idx) i = rng() % 100000;
+    sff_buff_os sink;
+    {
+      sff_writer w(sink, files.size() % 2 == 1, 1);
+      w.beginC(files.size());
+      w.writePositions(xyz.data(), vertices);
+      w.writeIntegers(idx.data(), idx.size());
+      w.end();
+    }
+    files.push_back(sink.bytes());
+    Digest d;
+    d.positions(xyz.data(), vertices);
+    d.integers(idx.data(), idx.size());
+    expected.push_back(d);
+  }
+  sff_reader reused;
+  auto check = [&](sff_reader& reader, std::size_t i) {
+    sff_buff_is in(files[i].data(), files[i].size());
+    Digest got;
+    reader.read(in, got);
+    EXPECT_EQ(got.seen, expected[i].seen) << i;
+  };
+  for (int round = 0; round < 2; ++round)
+    for (std::size_t i = 0; i < files.size(); ++i) {
+      sff_reader fresh;
+      check(fresh, i);
+      check(reused, i);
+    }
+  sff_reader::ReleaseKeptMemory();
+  sff_reader afterRelease;
+  check(afterRelease, 2);
 }
 
 }  // namespace

@@ -88,6 +88,11 @@ public:
   virtual void integers101(const std::uint64_t* /*values*/, std::size_t /*count*/) {}
 };
 
+// A reader keeps its buffers between read() calls: reading a tile set, reuse
+// one reader (per thread) rather than making one per file. Its large scratch
+// blocks also outlive it: the next reader made in the process adopts them
+// (one block per kind, up to 256 MiB each), so even a reader per file pays
+// for fresh memory only once.
 class KEL_API sff_reader final {
 public:
   sff_reader();
@@ -97,8 +102,12 @@ public:
 
   // Resets `source`, checks the magic and delivers every record to
   // `callback` until the source is exhausted. Nodes left open at the end are
-  // not reported. Exceptions from the callback pass through.
+  // not reported. Exceptions from the callback pass through. May be called
+  // again, with any source.
   void read(sff_input_stream& source, sff_read_callback& callback);
+
+  // Frees the scratch blocks finished readers left for later ones. Thread-safe.
+  static void ReleaseKeptMemory();
 
 private:
   class Cursor;
