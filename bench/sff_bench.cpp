@@ -1,13 +1,19 @@
-// SFF streams on one tile of 10 million vertices (positions, normals, 32-bit
-// indices, a few nodes and strings), each next to its ceiling:
-//   SFF0 read  vs fread/memcpy of the same bytes in 64 KiB chunks into a
-//              buffer as large as the largest array,
-//   SFF0 write vs fwrite/memcpy of the same bytes,
+// SFF streams on one 300 MB tile of 10 million vertices (positions, normals,
+// a block of 4-byte elements, a few nodes and strings), each beside its
+// ceiling or the library a user would pick instead:
+//   SFF0 read  vs fread of the same bytes into a buffer as large as the
+//              largest array (reused), and vs streaming fread through 64 KiB;
+//              with a reader reused across reads, a fresh reader per read,
+//              and a cold one (no memory left by earlier readers) against
+//              fread into a freshly allocated buffer;
+//   SFF0 read of a tile set (50 files) with one reader against a reader per file;
+//   SFF0 write vs fwrite of the same bytes, fsync included on both sides
+//              (our file sink commits through AtomicFile);
 //   SFZ0 read/write vs raw zlib inflate/deflate of the same record bytes with
 //              64 KiB buffers at the same level (1; the default level runs at
-//              15-25 MB/s on mesh data, ~6x slower for ~2 % smaller output).
-// Every pair is checked to agree before it is timed. After the run a summary
-// prints ours/theirs throughput ratios from the median iteration of each.
+//              15-25 MB/s on mesh data, ~6x slower for ~2 % smaller output),
+//              from memory and from files on both sides.
+// Every pair is checked to agree before it is timed (bench_common.h).
 // Files go to /dev/shm when it exists, so disk writeback does not blur them.
 #include <algorithm>
 #include <chrono>
@@ -18,8 +24,11 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 #include <benchmark/benchmark.h>
 #ifdef KEL_HAVE_ZLIB
@@ -30,6 +39,8 @@
 #include "kel/sff/sff_reader.h"
 #include "kel/sff/sff_writer.h"
 #include "kel/sff/sff_zlib_stream.h"
+
+#include "bench_common.h"
 
 namespace {
 
@@ -150,27 +161,9 @@ const std::string& PlainFile() {
 
 constexpr std::size_t kLargestArray = 12 * kVertices;
 
-// Every iteration's time per benchmark, for the ratio summary (medians).
-std::map<std::string, std::vector<double>>& Times() {
-  static std::map<std::string, std::vector<double>> times;
-  return times;
-}
-
-double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.size() % 2 ? v[v.size() / 2] : 0.5 * (v[v.size() / 2 - 1] + v[v.size() / 2]);
-}
-
 template <class F>
-void Timed(benchmark::State& state, const char* name, std::size_t bytes, F&& body) {
-  std::vector<double>& times = Times()[name];
-  for (auto _ : state) {
-    const auto t0 = std::chrono::steady_clock::now();
-    body();
-    const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    times.push_back(s);
-    state.SetIterationTime(s);
-  }
+void Timed(benchmark::State& state, std::size_t bytes, F&& body) {
+  for (auto _ : state) body();
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes));
 }
 
@@ -184,7 +177,7 @@ public:
   void array4(const void* d, std::size_t n) override { last = d, bytes += n * 4; }
 };
 
-// Checks the arrays a reader delivers against the tile, once.
+// Checks the arrays a reader delivers against the tile.
 class Verifier : public kel::sff_read_callback {
 public:
   bool ok = true;
@@ -200,61 +193,106 @@ private:
   }
 };
 
-// Also warms the reader up: its scratch then has its steady-state size, as
-// the ceiling's buffer has before timing.
-void Verify(benchmark::State& state, kel::sff_input_stream& in, kel::sff_reader& reader) {
+bool Verify(benchmark::State& state, kel::sff_input_stream& in, kel::sff_reader& reader) {
   Verifier v;
   reader.read(in, v);
-  if (!v.ok || v.arrays != 3) state.SkipWithError("reader delivered wrong arrays");
+  return kel::bench::Agree(state, v.ok && v.arrays == 3, "the reader delivered other arrays than the tile's");
 }
 
-void Verify(benchmark::State& state, kel::sff_input_stream& in) {
+bool Verify(benchmark::State& state, kel::sff_input_stream& in) {
   kel::sff_reader reader;
-  Verify(state, in, reader);
+  return Verify(state, in, reader);
+}
+
+bool SameBytes(benchmark::State& state, const std::string& path, const std::vector<unsigned char>& expect) {
+  std::vector<unsigned char> all(expect.size() + 1);
+  std::FILE* f = std::fopen(path.c_str(), "rb");
+  const std::size_t got = f ? std::fread(all.data(), 1, all.size(), f) : 0;
+  if (f) std::fclose(f);
+  return kel::bench::Agree(state, got == expect.size() && std::memcmp(all.data(), expect.data(), got) == 0,
+                           path + " does not hold the expected bytes");
 }
 
 // === SFF0 read ==================================================================
 
-void BM_Sff0ReadFile(benchmark::State& state) {
+// Reused across reads, as a tool or SFF2BVH reuses its reader across tiles.
+void BM_Sff0ReadFile_Kel(benchmark::State& state) {
   kel::sff_file_is in(PlainFile().c_str());
-  kel::sff_reader reader;  // kept: its scratch is reused like the ceiling's buffer
-  Verify(state, in, reader);
+  kel::sff_reader reader;
+  if (!Verify(state, in, reader)) return;
   ArraySink sink;
-  Timed(state, "sff0 read file", PlainImage().size(), [&] { reader.read(in, sink); });
+  Timed(state, PlainImage().size(), [&] { reader.read(in, sink); });
   benchmark::DoNotOptimize(sink.last);
 }
 
-void BM_FreadFile(benchmark::State& state) {
-  std::vector<unsigned char> buf(kLargestArray, 1);
+// A reader made for each read. Its scratch is what the previous reader of
+// the process left behind (see sff_reader); the cold case below has none.
+void BM_Sff0ReadFileFreshReader_Kel(benchmark::State& state) {
+  kel::sff_file_is in(PlainFile().c_str());
+  if (!Verify(state, in)) return;
+  ArraySink sink;
+  Timed(state, PlainImage().size(), [&] { kel::sff_reader().read(in, sink); });
+  benchmark::DoNotOptimize(sink.last);
+}
+
+// The first reader of a process: every scratch byte is fresh memory.
+void BM_Sff0ReadFileCold_Kel(benchmark::State& state) {
+  kel::sff_file_is in(PlainFile().c_str());
+  if (!Verify(state, in)) return;
+  ArraySink sink;
+  Timed(state, PlainImage().size(), [&] {
+    kel::sff_reader::ReleaseKeptMemory();
+    kel::sff_reader().read(in, sink);
+  });
+  benchmark::DoNotOptimize(sink.last);
+}
+
+// The same bytes through fread in 64 KiB pieces into a buffer as large as the
+// largest array: allocated once (like a reused reader's scratch), or per read.
+void FreadIntoArray(benchmark::State& state, bool freshBuffer) {
+  if (!SameBytes(state, PlainFile(), PlainImage())) return;
+  std::vector<unsigned char> kept(freshBuffer ? 0 : kLargestArray, 1);
   std::FILE* f = std::fopen(PlainFile().c_str(), "rb");
-  {  // agree: the same bytes come back
-    std::vector<unsigned char> all(PlainImage().size());
-    if (std::fread(all.data(), 1, all.size(), f) != all.size() || all != PlainImage())
-      state.SkipWithError("fread differs");
-  }
-  Timed(state, "fread file", PlainImage().size(), [&] {
+  Timed(state, PlainImage().size(), [&] {
+    std::unique_ptr<unsigned char[]> fresh(freshBuffer ? new unsigned char[kLargestArray] : nullptr);
+    unsigned char* buf = freshBuffer ? fresh.get() : kept.data();
     std::rewind(f);
     std::size_t pos = 0, n;
-    while ((n = std::fread(buf.data() + pos, 1, std::min(kChunk, buf.size() - pos), f)) > 0)
-      pos = pos + n == buf.size() ? 0 : pos + n;
-    benchmark::DoNotOptimize(buf.data());
+    while ((n = std::fread(buf + pos, 1, std::min(kChunk, kLargestArray - pos), f)) > 0)
+      pos = pos + n == kLargestArray ? 0 : pos + n;
+    benchmark::DoNotOptimize(buf);
+  });
+  std::fclose(f);
+}
+void BM_Sff0ReadFile_Fread(benchmark::State& state) { FreadIntoArray(state, false); }
+void BM_Sff0ReadFileFreshReader_Fread(benchmark::State& state) { FreadIntoArray(state, false); }
+void BM_Sff0ReadFileCold_FreadFreshBuffer(benchmark::State& state) { FreadIntoArray(state, true); }
+
+// Streaming: every piece into the same 64 KiB buffer.
+void BM_Sff0ReadFile_FreadStream(benchmark::State& state) {
+  std::vector<unsigned char> buf(kChunk, 1);
+  if (!SameBytes(state, PlainFile(), PlainImage())) return;
+  std::FILE* f = std::fopen(PlainFile().c_str(), "rb");
+  Timed(state, PlainImage().size(), [&] {
+    std::rewind(f);
+    while (std::fread(buf.data(), 1, kChunk, f) > 0) benchmark::DoNotOptimize(buf.data());
   });
   std::fclose(f);
 }
 
-void BM_Sff0ReadMemory(benchmark::State& state) {
+void BM_Sff0ReadMemory_Kel(benchmark::State& state) {
   kel::sff_buff_is in(PlainImage().data(), PlainImage().size());
   kel::sff_reader reader;
-  Verify(state, in, reader);
+  if (!Verify(state, in, reader)) return;
   ArraySink sink;
-  Timed(state, "sff0 read memory", PlainImage().size(), [&] { reader.read(in, sink); });
+  Timed(state, PlainImage().size(), [&] { reader.read(in, sink); });
   benchmark::DoNotOptimize(sink.last);
 }
 
-void BM_MemcpyRead(benchmark::State& state) {
+void BM_Sff0ReadMemory_Memcpy(benchmark::State& state) {
   std::vector<unsigned char> buf(kLargestArray, 1);
   const auto& image = PlainImage();
-  Timed(state, "memcpy read", image.size(), [&] {
+  Timed(state, image.size(), [&] {
     std::size_t pos = 0;
     for (std::size_t off = 0; off < image.size();) {
       const std::size_t n = std::min({kChunk, buf.size() - pos, image.size() - off});
@@ -266,58 +304,139 @@ void BM_MemcpyRead(benchmark::State& state) {
   });
 }
 
+// A tile set: 50 files of ~2 MB, read one after the other.
+constexpr int kSetFiles = 50;
+constexpr std::size_t kSetVertices = 120'000;
+
+bool tileSetMade = false, compressedFileMade = false;
+
+const std::vector<std::string>& TileSet() {
+  static const std::vector<std::string> files = [] {
+    tileSetMade = true;
+    std::vector<std::string> out;
+    const Tile& t = TheTile();
+    for (int i = 0; i < kSetFiles; ++i) {
+      out.push_back(TempFile(("_set" + std::to_string(i) + ".sff").c_str()));
+      kel::sff_file_os file(out.back().c_str());
+      {
+        kel::sff_writer w(file, false);
+        w.beginAt();
+        w.beginC(static_cast<std::uint64_t>(i));
+        w.writePositions(t.positions.data() + 3 * kSetVertices * i, kSetVertices);
+        w.writeNormals(t.normals.data() + 3 * kSetVertices * i, kSetVertices);
+        w.writeIntegers(t.indices.data(), kSetVertices);
+        w.end();
+        w.end();
+      }
+      file.commit();
+    }
+    return out;
+  }();
+  return files;
+}
+
+std::uint64_t TileSetBytes() {
+  std::uint64_t n = 0;
+  for (const auto& f : TileSet()) n += fs::file_size(f);
+  return n;
+}
+
+// Counts what a tile set delivers, for agreement.
+class SetCounter : public kel::sff_read_callback {
+public:
+  std::uint64_t vertices = 0, values = 0;
+  void positions(const void*, std::size_t n) override { vertices += n; }
+  void integers(const std::uint64_t* v, std::size_t n) override {
+    values += n;
+    benchmark::DoNotOptimize(v);
+  }
+};
+
+void ReadTileSet(benchmark::State& state, bool reuse) {
+  {
+    SetCounter c;
+    kel::sff_reader reader;
+    for (const auto& f : TileSet()) {
+      kel::sff_file_is in(f.c_str());
+      reader.read(in, c);
+    }
+    if (!kel::bench::Agree(state, c.vertices == kSetFiles * kSetVertices && c.values == kSetFiles * kSetVertices,
+                           "the tile set read back short"))
+      return;
+  }
+  kel::sff_reader shared;
+  SetCounter sink;
+  Timed(state, TileSetBytes(), [&] {
+    for (const auto& f : TileSet()) {
+      kel::sff_file_is in(f.c_str());
+      if (reuse) {
+        shared.read(in, sink);
+      } else {
+        kel::sff_reader fresh;
+        fresh.read(in, sink);
+      }
+    }
+  });
+}
+void BM_Sff0ReadTileSet_Kel(benchmark::State& state) { ReadTileSet(state, true); }
+void BM_Sff0ReadTileSet_ReaderPerFile(benchmark::State& state) { ReadTileSet(state, false); }
+
 // === SFF0 write =================================================================
 
-void BM_Sff0WriteFile(benchmark::State& state) {
+// The anchor writes as durably as our sink commits: flush and fsync.
+void FwriteSynced(const std::string& path, const void* data, std::size_t size) {
+  std::FILE* f = std::fopen(path.c_str(), "wb");
+  std::fwrite(data, 1, size, f);
+  std::fflush(f);
+  ::fsync(::fileno(f));
+  std::fclose(f);
+}
+
+void BM_Sff0WriteFile_Kel(benchmark::State& state) {
   const std::string path = TempFile("_out.sff");
-  {
+  auto write = [&] {
     kel::sff_file_os out(path.c_str());
-    kel::sff_writer w(out, false);
-    WriteTile(w);
-  }
-  {
-    kel::sff_file_is in(path.c_str());
-    Verify(state, in);
-  }
-  Timed(state, "sff0 write file", PlainImage().size(), [&] {
-    kel::sff_file_os out(path.c_str());
-    kel::sff_writer w(out, false);
-    WriteTile(w);
-  });
+    {
+      kel::sff_writer w(out, false);
+      WriteTile(w);
+    }
+    out.commit();
+  };
+  write();
+  if (!SameBytes(state, path, PlainImage())) return;
+  Timed(state, PlainImage().size(), write);
   fs::remove(path);
 }
 
-void BM_FwriteFile(benchmark::State& state) {
+void BM_Sff0WriteFile_Fwrite(benchmark::State& state) {
   const std::string path = TempFile("_fwrite.sff");
   const auto& image = PlainImage();
-  Timed(state, "fwrite file", image.size(), [&] {
-    std::FILE* f = std::fopen(path.c_str(), "wb");
-    std::fwrite(image.data(), 1, image.size(), f);
-    std::fclose(f);
-  });
-  if (fs::file_size(path) != image.size()) state.SkipWithError("fwrite short");
+  FwriteSynced(path, image.data(), image.size());
+  if (!SameBytes(state, path, image)) return;
+  Timed(state, image.size(), [&] { FwriteSynced(path, image.data(), image.size()); });
   fs::remove(path);
 }
 
-void BM_Sff0WriteMemory(benchmark::State& state) {
+void BM_Sff0WriteMemory_Kel(benchmark::State& state) {
   FixedSink sink(PlainImage().size());
   {
     kel::sff_writer w(sink, false);
     WriteTile(w);
   }
-  if (sink.size() != PlainImage().size() || std::memcmp(sink.data(), PlainImage().data(), sink.size()) != 0)
-    state.SkipWithError("writer output differs");
-  Timed(state, "sff0 write memory", PlainImage().size(), [&] {
+  if (!kel::bench::Agree(state, sink.size() == PlainImage().size() && std::memcmp(sink.data(), PlainImage().data(), sink.size()) == 0,
+                         "writer output differs"))
+    return;
+  Timed(state, PlainImage().size(), [&] {
     sink.clear();
     kel::sff_writer w(sink, false);
     WriteTile(w);
   });
 }
 
-void BM_MemcpyWrite(benchmark::State& state) {
+void BM_Sff0WriteMemory_Memcpy(benchmark::State& state) {
   FixedSink sink(PlainImage().size());
   const auto& image = PlainImage();
-  Timed(state, "memcpy write", image.size(), [&] {
+  Timed(state, image.size(), [&] {
     sink.clear();
     sink.write(image.data(), image.size());
   });
@@ -325,15 +444,15 @@ void BM_MemcpyWrite(benchmark::State& state) {
 
 // === SFZ0 =======================================================================
 
-void BM_Sfz0WriteMemory(benchmark::State& state) {
+void BM_Sfz0WriteMemory_Kel(benchmark::State& state) {
   FixedSink sink(PlainImage().size() + (1 << 20));
   {
     kel::sff_writer w(sink, true, kLevel);
     WriteTile(w);
   }
   kel::sff_buff_is in(sink.data(), sink.size());
-  Verify(state, in);
-  Timed(state, "sfz0 write memory", PlainImage().size(), [&] {
+  if (!Verify(state, in)) return;
+  Timed(state, PlainImage().size(), [&] {
     sink.clear();
     kel::sff_writer w(sink, true, kLevel);
     WriteTile(w);
@@ -341,43 +460,51 @@ void BM_Sfz0WriteMemory(benchmark::State& state) {
   state.counters["ratio"] = static_cast<double>(sink.size()) / static_cast<double>(PlainImage().size());
 }
 
-void BM_Sfz0WriteFile(benchmark::State& state) {
+void BM_Sfz0WriteFile_Kel(benchmark::State& state) {
   const std::string path = TempFile("_out.sfz");
-  Timed(state, "sfz0 write file", PlainImage().size(), [&] {
+  auto write = [&] {
     kel::sff_file_os out(path.c_str());
-    kel::sff_writer w(out, true, kLevel);
-    WriteTile(w);
-  });
-  kel::sff_file_is in(path.c_str());
-  Verify(state, in);
+    {
+      kel::sff_writer w(out, true, kLevel);
+      WriteTile(w);
+    }
+    out.commit();
+  };
+  write();
+  {
+    kel::sff_file_is in(path.c_str());
+    if (!Verify(state, in)) return;
+  }
+  Timed(state, PlainImage().size(), write);
   fs::remove(path);
 }
 
-void BM_Sfz0ReadMemory(benchmark::State& state) {
+void BM_Sfz0ReadMemory_Kel(benchmark::State& state) {
   kel::sff_buff_is in(CompressedImage().data(), CompressedImage().size());
   kel::sff_reader reader;
-  Verify(state, in, reader);
+  if (!Verify(state, in, reader)) return;
   ArraySink sink;
-  Timed(state, "sfz0 read memory", PlainImage().size(), [&] { reader.read(in, sink); });
+  Timed(state, PlainImage().size(), [&] { reader.read(in, sink); });
   benchmark::DoNotOptimize(sink.last);
 }
 
-void BM_Sfz0ReadFile(benchmark::State& state) {
-  const std::string path = TempFile("_in.sfz");
-  {
-    std::FILE* f = std::fopen(path.c_str(), "wb");
-    std::fwrite(CompressedImage().data(), 1, CompressedImage().size(), f);
-    std::fclose(f);
-  }
-  {
-    kel::sff_file_is in(path.c_str());
-    kel::sff_reader reader;
-    Verify(state, in, reader);
-    ArraySink sink;
-    Timed(state, "sfz0 read file", PlainImage().size(), [&] { reader.read(in, sink); });
-    benchmark::DoNotOptimize(sink.last);
-  }
-  fs::remove(path);
+const std::string& CompressedFile() {
+  static const std::string path = [] {
+    compressedFileMade = true;
+    const std::string p = TempFile("_in.sfz");
+    FwriteSynced(p, CompressedImage().data(), CompressedImage().size());
+    return p;
+  }();
+  return path;
+}
+
+void BM_Sfz0ReadFile_Kel(benchmark::State& state) {
+  kel::sff_file_is in(CompressedFile().c_str());
+  kel::sff_reader reader;
+  if (!Verify(state, in, reader)) return;
+  ArraySink sink;
+  Timed(state, PlainImage().size(), [&] { reader.read(in, sink); });
+  benchmark::DoNotOptimize(sink.last);
 }
 
 #ifdef KEL_HAVE_ZLIB
@@ -385,109 +512,157 @@ void BM_Sfz0ReadFile(benchmark::State& state) {
 const unsigned char* Records() { return PlainImage().data() + 4; }
 std::size_t RecordsSize() { return PlainImage().size() - 4; }
 
-void BM_ZlibDeflate(benchmark::State& state) {
-  FixedSink sink(PlainImage().size() + (1 << 20));
+// Raw deflate of the record bytes into `sink` through a 64 KiB buffer.
+template <class Sink>
+void Deflate(Sink&& sink) {
   std::vector<unsigned char> out(kChunk);
+  z_stream z{};
+  deflateInit(&z, kLevel);
+  z.next_in = const_cast<unsigned char*>(Records());
+  z.avail_in = static_cast<uInt>(RecordsSize());
+  int r;
+  do {
+    z.next_out = out.data();
+    z.avail_out = kChunk;
+    r = deflate(&z, Z_FINISH);
+    sink(out.data(), kChunk - z.avail_out);
+  } while (r != Z_STREAM_END);
+  deflateEnd(&z);
+}
+
+bool InflatesToRecords(benchmark::State& state, const unsigned char* data, std::size_t size) {
+  std::vector<unsigned char> back(RecordsSize());
+  uLongf n = back.size();
+  return kel::bench::Agree(state, uncompress(back.data(), &n, data, size) == Z_OK && n == back.size() &&
+                                      std::memcmp(back.data(), Records(), n) == 0,
+                           "deflate round trip differs");
+}
+
+void BM_Sfz0WriteMemory_Zlib(benchmark::State& state) {
+  FixedSink sink(PlainImage().size() + (1 << 20));
   auto run = [&] {
     sink.clear();
-    z_stream z{};
-    deflateInit(&z, kLevel);
-    z.next_in = const_cast<unsigned char*>(Records());
-    z.avail_in = static_cast<uInt>(RecordsSize());
-    int r;
-    do {
-      z.next_out = out.data();
-      z.avail_out = kChunk;
-      r = deflate(&z, Z_FINISH);
-      sink.write(out.data(), kChunk - z.avail_out);
-    } while (r != Z_STREAM_END);
-    deflateEnd(&z);
+    Deflate([&](const unsigned char* p, std::size_t n) { sink.write(p, n); });
   };
   run();
-  // agree: inflating the raw stream gives the record bytes
-  std::vector<unsigned char> back(RecordsSize());
-  uLongf size = back.size();
-  if (uncompress(back.data(), &size, sink.data(), sink.size()) != Z_OK || size != back.size() ||
-      std::memcmp(back.data(), Records(), size) != 0)
-    state.SkipWithError("deflate round trip differs");
-  Timed(state, "zlib deflate", PlainImage().size(), run);
+  if (!InflatesToRecords(state, sink.data(), sink.size())) return;
+  Timed(state, PlainImage().size(), run);
 }
 
-void BM_ZlibInflate(benchmark::State& state) {
-  const auto& z0 = CompressedImage();  // same level, same records
-  std::vector<unsigned char> in(kChunk), out(kChunk);
-  std::size_t total = 0;
+void BM_Sfz0WriteFile_Zlib(benchmark::State& state) {
+  const std::string path = TempFile("_zlib.z");
   auto run = [&] {
-    z_stream z{};
-    inflateInit(&z);
-    std::size_t off = 4;
-    total = 0;
-    int r = Z_OK;
-    while (r != Z_STREAM_END) {
-      if (z.avail_in == 0) {
-        const std::size_t n = std::min(kChunk, z0.size() - off);
-        if (!n) break;
-        std::memcpy(in.data(), z0.data() + off, n);
-        off += n;
-        z.next_in = in.data();
-        z.avail_in = static_cast<uInt>(n);
-      }
-      z.next_out = out.data();
-      z.avail_out = kChunk;
-      r = inflate(&z, Z_NO_FLUSH);
-      if (r < 0 && r != Z_BUF_ERROR) break;
-      total += kChunk - z.avail_out;
-    }
-    inflateEnd(&z);
-    benchmark::DoNotOptimize(out.data());
+    std::FILE* f = std::fopen(path.c_str(), "wb");
+    Deflate([&](const unsigned char* p, std::size_t n) { std::fwrite(p, 1, n, f); });
+    std::fflush(f);
+    ::fsync(::fileno(f));
+    std::fclose(f);
   };
   run();
-  if (total != RecordsSize()) state.SkipWithError("inflate size differs");
-  Timed(state, "zlib inflate", PlainImage().size(), run);
+  {
+    std::vector<unsigned char> all(fs::file_size(path));
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    const std::size_t got = std::fread(all.data(), 1, all.size(), f);
+    std::fclose(f);
+    if (!InflatesToRecords(state, all.data(), got)) return;
+  }
+  Timed(state, PlainImage().size(), run);
+  fs::remove(path);
+}
+
+// Raw inflate of the compressed tile's zlib stream, pulled through a 64 KiB
+// input buffer by `fill`, into a 64 KiB output buffer. Returns the bytes made.
+template <class Fill>
+std::size_t Inflate(Fill&& fill) {
+  std::vector<unsigned char> in(kChunk), out(kChunk);
+  z_stream z{};
+  inflateInit(&z);
+  std::size_t total = 0;
+  int r = Z_OK;
+  while (r != Z_STREAM_END) {
+    if (z.avail_in == 0) {
+      const std::size_t n = fill(in.data(), kChunk);
+      if (!n) break;
+      z.next_in = in.data();
+      z.avail_in = static_cast<uInt>(n);
+    }
+    z.next_out = out.data();
+    z.avail_out = kChunk;
+    r = inflate(&z, Z_NO_FLUSH);
+    if (r < 0 && r != Z_BUF_ERROR) break;
+    total += kChunk - z.avail_out;
+  }
+  inflateEnd(&z);
+  benchmark::DoNotOptimize(out.data());
+  return total;
+}
+
+void BM_Sfz0ReadMemory_Zlib(benchmark::State& state) {
+  const auto& z0 = CompressedImage();  // same level, same records
+  std::size_t off = 0;
+  auto fill = [&](unsigned char* p, std::size_t n) {
+    n = std::min(n, z0.size() - off);
+    std::memcpy(p, z0.data() + off, n);
+    off += n;
+    return n;
+  };
+  off = 4;
+  if (!kel::bench::Agree(state, Inflate(fill) == RecordsSize(), "inflate size differs")) return;
+  Timed(state, PlainImage().size(), [&] {
+    off = 4;
+    Inflate(fill);
+  });
+}
+
+void BM_Sfz0ReadFile_Zlib(benchmark::State& state) {
+  std::FILE* f = std::fopen(CompressedFile().c_str(), "rb");
+  auto fill = [&](unsigned char* p, std::size_t n) { return std::fread(p, 1, n, f); };
+  auto run = [&] {
+    std::fseek(f, 4, SEEK_SET);
+    return Inflate(fill);
+  };
+  if (kel::bench::Agree(state, run() == RecordsSize(), "inflate size differs"))
+    Timed(state, PlainImage().size(), run);
+  std::fclose(f);
 }
 #endif
 
-#define SFF_BENCH(fn, iters) BENCHMARK(fn)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(iters)
-SFF_BENCH(BM_Sff0ReadFile, 5);
-SFF_BENCH(BM_FreadFile, 5);
-SFF_BENCH(BM_Sff0ReadMemory, 5);
-SFF_BENCH(BM_MemcpyRead, 5);
-SFF_BENCH(BM_Sff0WriteFile, 4);
-SFF_BENCH(BM_FwriteFile, 4);
-SFF_BENCH(BM_Sff0WriteMemory, 5);
-SFF_BENCH(BM_MemcpyWrite, 5);
-SFF_BENCH(BM_Sfz0ReadMemory, 2);
-SFF_BENCH(BM_Sfz0ReadFile, 1);
-SFF_BENCH(BM_Sfz0WriteMemory, 1);
-SFF_BENCH(BM_Sfz0WriteFile, 1);
+// Seconds-long cases run a few iterations per repetition.
+#define SFF_BENCH(fn, iters) KEL_BENCHMARK(fn)->Iterations(iters)
+SFF_BENCH(BM_Sff0ReadFile_Kel, 5);
+SFF_BENCH(BM_Sff0ReadFile_Fread, 5);
+SFF_BENCH(BM_Sff0ReadFile_FreadStream, 5);
+SFF_BENCH(BM_Sff0ReadFileFreshReader_Kel, 5);
+SFF_BENCH(BM_Sff0ReadFileFreshReader_Fread, 5);
+SFF_BENCH(BM_Sff0ReadFileCold_Kel, 3);
+SFF_BENCH(BM_Sff0ReadFileCold_FreadFreshBuffer, 3);
+SFF_BENCH(BM_Sff0ReadMemory_Kel, 5);
+SFF_BENCH(BM_Sff0ReadMemory_Memcpy, 5);
+SFF_BENCH(BM_Sff0ReadTileSet_Kel, 5);
+SFF_BENCH(BM_Sff0ReadTileSet_ReaderPerFile, 5);
+SFF_BENCH(BM_Sff0WriteFile_Kel, 3);
+SFF_BENCH(BM_Sff0WriteFile_Fwrite, 3);
+SFF_BENCH(BM_Sff0WriteMemory_Kel, 5);
+SFF_BENCH(BM_Sff0WriteMemory_Memcpy, 5);
+SFF_BENCH(BM_Sfz0ReadMemory_Kel, 2);
+SFF_BENCH(BM_Sfz0ReadFile_Kel, 2);
+SFF_BENCH(BM_Sfz0WriteMemory_Kel, 1);
+SFF_BENCH(BM_Sfz0WriteFile_Kel, 1);
 #ifdef KEL_HAVE_ZLIB
-SFF_BENCH(BM_ZlibInflate, 2);
-SFF_BENCH(BM_ZlibDeflate, 1);
+SFF_BENCH(BM_Sfz0ReadMemory_Zlib, 2);
+SFF_BENCH(BM_Sfz0ReadFile_Zlib, 2);
+SFF_BENCH(BM_Sfz0WriteMemory_Zlib, 1);
+SFF_BENCH(BM_Sfz0WriteFile_Zlib, 1);
 #endif
-
-void Ratio(const char* label, const char* ours, const char* theirs) {
-  const auto& t = Times();
-  if (!t.count(ours) || !t.count(theirs) || t.at(ours).empty() || t.at(theirs).empty()) return;
-  std::printf("  %-34s %5.1f %%\n", label, 100.0 * Median(t.at(theirs)) / Median(t.at(ours)));
-}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  std::printf("\nthroughput ours / ceiling (median iterations):\n");
-  Ratio("SFF0 read file / fread", "sff0 read file", "fread file");
-  Ratio("SFF0 read memory / memcpy", "sff0 read memory", "memcpy read");
-  Ratio("SFF0 write file / fwrite", "sff0 write file", "fwrite file");
-  Ratio("SFF0 write memory / memcpy", "sff0 write memory", "memcpy write");
-  Ratio("SFZ0 read memory / zlib inflate", "sfz0 read memory", "zlib inflate");
-  Ratio("SFZ0 read file / zlib inflate", "sfz0 read file", "zlib inflate");
-  Ratio("SFZ0 write memory / zlib deflate", "sfz0 write memory", "zlib deflate");
-  Ratio("SFZ0 write file / zlib deflate", "sfz0 write file", "zlib deflate");
+  const int rc = kel::bench::Main(argc, argv);
   std::error_code ec;
   if (plainFileMade) fs::remove(PlainFile(), ec);
-  return 0;
+  if (compressedFileMade) fs::remove(CompressedFile(), ec);
+  if (tileSetMade)
+    for (const auto& f : TileSet()) fs::remove(f, ec);
+  return rc;
 }
