@@ -483,17 +483,5 @@ TEST(DdsMadeByOthersRefused, NamesTheFormat) {
   }
 }
 
-TEST(DdsForeign, OurOwnEncodingOfThePictureSurvivesAFileRoundTrip) {
-  const Bytes source = Fixture("source32.rgba");
-  auto img = ImageUtil::CreateImage(32, 32, IImage::RGBA, 1);
-  std::memcpy(img->lineData(0, 0), source.data(), source.size());
-  auto dxt5 = ImageUtil::CompressImage(img, IImage::DXT5);
-  const Bytes file = ToMemory(dxt5);
-  auto back = ImageUtil::DecompressImage(DDSFileUtil::LoadTextureFromBuffer(file.data(), file.size()), IImage::RGBA);
-  double error = 0;
-  for (std::size_t i = 0; i < source.size(); ++i) error += std::abs(int(back->lineData(0, 0)[i]) - int(source[i]));
-  EXPECT_LT(error / double(source.size()), 8.0);
-}
-
 }  // namespace
 }  // namespace kel
