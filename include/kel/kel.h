@@ -12,6 +12,7 @@
 #include "kel/image/dds.h"
 #include "kel/image/image.h"
 #include "kel/image/image_util.h"
+#include "kel/runtime/progress.h"
 #include "kel/settings/unit_converter.h"
 #include "kel/sff/sff_copy.h"
 #include "kel/sff/sff_file_stream.h"
