@@ -10,16 +10,17 @@
 
 #include "commands.h"
 #include "options.h"
-#include "progress_bar.h"
+#include "progress_view.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-// Counts the bytes pulled from a source and moves a progress bar with them.
+// Counts the bytes pulled from a source and moves the task's progress with
+// them; a read after Ctrl-C throws tool::Interrupted.
 class ProgressSource : public kel::sff_input_stream {
 public:
-  ProgressSource(kel::sff_input_stream& inner, cli::ProgressBar& bar) : inner_(inner), bar_(bar) {}
+  ProgressSource(kel::sff_input_stream& inner, tool::Task& task) : inner_(inner), task_(task) {}
   void reset() override {
     inner_.reset();
     done_ = 0;
@@ -27,13 +28,13 @@ public:
   std::size_t read(void* buffer, std::size_t size) override {
     const std::size_t n = inner_.read(buffer, size);
     done_ += n;
-    bar_.update(done_);
+    task_.step(static_cast<std::int64_t>(done_));
     return n;
   }
 
 private:
   kel::sff_input_stream& inner_;
-  cli::ProgressBar& bar_;
+  tool::Task& task_;
   std::uint64_t done_ = 0;
 };
 
@@ -178,13 +179,13 @@ int Convert(const SffArgs& a, bool compress) {
   std::uint64_t records = 0;
   try {
     kel::sff_file_os out(outPath.c_str());
-    cli::ProgressBar bar(compress ? "pack" : "unpack", FileSize(inPath));
-    ProgressSource in(file, bar);
+    tool::Task task(kel::Utf8String2WString((compress ? "pack " : "unpack ") + fs::path(inPath).filename().string()),
+                    static_cast<std::int64_t>(FileSize(inPath)));
+    ProgressSource in(file, task);
     kel::sff_writer writer(out, compress, static_cast<int>(a.level));
     kel::sff_copy_callback copy(writer);
     kel::sff_reader().read(in, copy);
     writer.finish();
-    bar.finish();
     records = copy.records();
   } catch (...) {
     fs::remove(fs::path(outPath), ec);  // no half-written output
@@ -219,8 +220,8 @@ void AddSffCommands(CLI::App& app) {
   cmd->add_option("OUT", a->out, "compressed SFF file to write")->required();
   tool::AddInt(*cmd, "--level", a->level, -1, 9, "zlib level 0-9, or -1 for zlib's default (6)");
 
-  cmd = tool::AddCommand(*group, "unpack", "decompress an SFF file (SFF0)", "Copies every record of IN into a plain OUT.",
-                         [a] { return Convert(*a, false); });
+  cmd = tool::AddCommand(*group, "unpack", "decompress an SFF file (SFF0)",
+                         "Copies every record of IN into a plain OUT.", [a] { return Convert(*a, false); });
   cmd->add_option("IN", a->in, "SFF file to read")->required();
   cmd->add_option("OUT", a->out, "plain SFF file to write")->required();
 }

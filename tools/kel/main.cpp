@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "logging.h"
 #include "options.h"
+#include "progress_view.h"
 
 namespace tool {
 namespace {
@@ -47,7 +48,7 @@ std::string OneLine(std::string text) {
 }
 
 int Fail(int code, const std::string& message) {
-  std::fprintf(stderr, "kel: %s\n", OneLine(message).c_str());
+  ConsoleLine("kel: " + OneLine(message));
   return code;
 }
 
@@ -76,6 +77,8 @@ int RunKel(const std::vector<std::string>& args) {
     return run();
   } catch (const UsageError& e) {
     return Fail(2, e.what());
+  } catch (const Interrupted&) {
+    return Fail(130, "interrupted");
   } catch (const kel::wexception& e) {
     return Fail(1, kel::WString2Utf8String(e.message()));
   } catch (const std::exception& e) {
@@ -86,6 +89,7 @@ int RunKel(const std::vector<std::string>& args) {
 }  // namespace tool
 
 int main(int argc, char** argv) {
+  tool::ProgressView view;  // first: it blocks Ctrl-C for every thread started later
   tool::ConfigureLogging();
   std::vector<std::string> args(argv + 1, argv + argc);
   if (!args.empty() && args[0] == "help") args[0] = "--help";
