@@ -13,6 +13,7 @@
 #include "kel/image/image.h"
 #include "kel/image/image_util.h"
 #include "kel/runtime/progress.h"
+#include "kel/settings/property_bag.h"
 #include "kel/settings/unit_converter.h"
 #include "kel/sff/sff_copy.h"
 #include "kel/sff/sff_file_stream.h"

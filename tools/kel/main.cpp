@@ -36,6 +36,7 @@ std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
   AddPickCommands(*app);
   AddDdsCommands(*app);
   AddTextureCommands(*app);
+  AddBagCommands(*app);
   AddDemoCommands(*app);
   return app;
 }
