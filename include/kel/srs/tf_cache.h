@@ -1,0 +1,79 @@
+// A transform approximated over a fixed region by a quadtree of bilinear
+// patches, for reprojecting very many points of one region. The tree grows
+// lazily along the paths queries take: a cell is tested once, by comparing
+// the exact transform of its centre with the interpolation from its corners;
+// within `tolerance` (Euclidean, target units) it becomes a leaf, otherwise it
+// is split. Only refinement calls the wrapped transform.
+//
+// The tolerance bounds the error at tested centres, not everywhere. Points
+// outside the region are extrapolated from the outermost cells. The wrapped
+// transform's failures are ignored (a failing transform yields interpolated
+// garbage, not an error). Past `maxDepth` nodes on one descent (0: no limit)
+// a point falls back to the exact transform, each time with the warning
+// "Search tree depth exceeded. Performing slow transform."
+//
+// Not thread-safe: transform() grows the tree. Give each thread its own copy.
+// The wrapped transform is not owned and must outlive the cache; with a null
+// one the cache stays empty and changes nothing.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "kel/core/enumerate.h"
+#include "kel/core/types.h"
+#include "kel/export.h"
+
+namespace kel {
+
+class ITransform;
+
+class KEL_API TfCache {
+public:
+  TfCache(const BBox<2, double>& region, double tolerance, const ITransform* transform, std::size_t maxDepth);
+  TfCache(const TfCache& other) = default;
+  TfCache& operator=(const TfCache& other) = default;
+  ~TfCache();
+
+  void transform(Vec<2, double>& p);
+  // Every point as transform(p) would, in index order, with the same results
+  // bit for bit. Faster when consecutive points fall into one leaf, as the
+  // points of a polyline usually do: they skip the descent.
+  void transform(const IDataArray<Vec<2, double>>& points);
+
+  std::size_t nodeCount() const { return nodes_.size(); }
+  std::size_t vertexCount() const { return vertices_.size(); }
+
+private:
+  // Corners are indices into vertices_; state 0 = untested, -1 = leaf, else
+  // the first of four children (lower-left, lower-right, upper-left,
+  // upper-right).
+  struct Node {
+    std::uint64_t ll, ul, lr, ur;
+    std::int32_t state;
+  };
+  // Where a descent ended: a leaf (node) with its cell, plus the half-open
+  // range of points the descent would route to it (unbounded at the region's
+  // outer edges).
+  struct Leaf {
+    std::size_t node;
+    Vec<2, double> cellMin, cellMax;
+    Vec<2, double> routeMin, routeMax;
+  };
+
+  // Descends from the root; true with `leaf` filled when p was interpolated
+  // in a leaf, false when it was transformed exactly (depth fallback).
+  bool descend(Vec<2, double>& p, Leaf& leaf);
+  void interpolate(std::size_t node, const Vec<2, double>& cellMin, const Vec<2, double>& cellMax,
+                   Vec<2, double>& p) const;
+
+  const ITransform* transform_;
+  BBox<2, double> region_;
+  std::vector<Vec<2, double>> vertices_;
+  std::vector<Node> nodes_;
+  double toleranceSquared_;
+  std::size_t maxDepth_;
+};
+
+}  // namespace kel
