@@ -32,13 +32,15 @@ std::shared_ptr<SRSTransform> SRSTransform::Create(const std::shared_ptr<SRSCoor
   detail::ClearProjError(ctx);
   PjPtr op(proj_create_crs_to_crs_from_pj(ctx, source->system_->crs.master(), target->system_->crs.master(),
                                           nullptr, nullptr));
-  if (!op && source->IsArbitrary() && target->IsArbitrary() && source->IsSameAs(target.get())) {
-    // PROJ knows no operation between engineering systems, not even two
-    // copies of one; equal ones need none.
-    op.reset(proj_create(ctx, "+proj=noop"));
+  PjPtr normalised;
+  if (op) {
+    // Easting/longitude first on both sides, whatever the definitions say.
+    normalised.reset(proj_normalize_for_visualization(ctx, op.get()));
+  } else if (source->IsArbitrary() && target->IsArbitrary() && source->IsSameAs(target.get())) {
+    // PROJ knows no operation between engineering systems, not even between
+    // two copies of one; equal ones need none.
+    normalised.reset(proj_create(ctx, "+proj=noop"));
   }
-  // Easting/longitude first on both sides, whatever the definitions say.
-  PjPtr normalised(op ? proj_normalize_for_visualization(ctx, op.get()) : nullptr);
   if (!normalised) {
     KEL_LOG_ERROR(L"Failed to create transformation from " + source->GetCode() + L" to " + target->GetCode() +
                   L". Message: " + detail::TakeProjError(ctx));

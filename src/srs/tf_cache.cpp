@@ -4,8 +4,20 @@
 
 #include "kel/core/log.h"
 #include "kel/srs/transform.h"
+#include "srs/detail/lane2.h"
 
 namespace kel {
+
+using detail::Lanes;
+using V = Lanes::V;
+
+// The routing range is half-open and unbounded at the region's outer edges:
+// exactly the points whose descent ends in this leaf.
+struct TfCache::Leaf {
+  std::size_t node;
+  V lo, hi;
+  V routeLo, routeHi;
+};
 
 TfCache::TfCache(const BBox<2, double>& region, double tolerance, const ITransform* transform,
                  std::size_t maxDepth)
@@ -28,26 +40,18 @@ TfCache::~TfCache() = default;
 void TfCache::interpolate(std::size_t node, const Vec<2, double>& cellMin, const Vec<2, double>& cellMax,
                           Vec<2, double>& p) const {
   const Node& n = nodes_[node];
-  const double tx = (p.x() - cellMin.x()) / (cellMax.x() - cellMin.x());
-  const double ty = (p.y() - cellMin.y()) / (cellMax.y() - cellMin.y());
-  const Vec<2, double>& ll = vertices_[n.ll];
-  const Vec<2, double>& ul = vertices_[n.ul];
-  const Vec<2, double>& lr = vertices_[n.lr];
-  const Vec<2, double>& ur = vertices_[n.ur];
-  const double bottomX = ll.x() * (1 - tx) + lr.x() * tx;
-  const double bottomY = ll.y() * (1 - tx) + lr.y() * tx;
-  const double topX = ul.x() * (1 - tx) + ur.x() * tx;
-  const double topY = ul.y() * (1 - tx) + ur.y() * tx;
-  p.x() = bottomX * (1 - ty) + topX * ty;
-  p.y() = bottomY * (1 - ty) + topY * ty;
+  p = Lanes::ToVec(detail::Bilinear<Lanes>(Lanes::Load(vertices_[n.ll]), Lanes::Load(vertices_[n.ul]),
+                                           Lanes::Load(vertices_[n.lr]), Lanes::Load(vertices_[n.ur]),
+                                           Lanes::Load(cellMin), Lanes::Load(cellMax), Lanes::Load(p)));
 }
 
 bool TfCache::descend(Vec<2, double>& p, Leaf& leaf) {
   constexpr double kInf = std::numeric_limits<double>::infinity();
-  Vec<2, double> lo = region_.min;
-  Vec<2, double> hi = region_.max;
-  Vec<2, double> routeMin(-kInf, -kInf);
-  Vec<2, double> routeMax(kInf, kInf);
+  const V point = Lanes::Load(p);
+  V lo = Lanes::Load(region_.min);
+  V hi = Lanes::Load(region_.max);
+  V routeLo = Lanes::Set(-kInf, -kInf);
+  V routeHi = Lanes::Set(kInf, kInf);
   std::size_t node = 0;
   std::size_t depth = 0;
   for (;;) {
@@ -56,13 +60,15 @@ bool TfCache::descend(Vec<2, double>& p, Leaf& leaf) {
       transform_->Transform(p);
       return false;
     }
-    if (nodes_[node].state == -1) break;
-    const Vec<2, double> c((lo.x() + hi.x()) / 2, (lo.y() + hi.y()) / 2);
-    if (nodes_[node].state == 0) {
-      Vec<2, double> exact = c;
+    std::int32_t state = nodes_[node].state;
+    if (state == -1) break;
+    const V c = Lanes::Half(Lanes::Add(lo, hi));
+    if (state == 0) {
+      const Vec<2, double> centre = Lanes::ToVec(c);
+      Vec<2, double> exact = centre;
       transform_->Transform(exact);
-      Vec<2, double> approx = c;
-      interpolate(node, lo, hi, approx);
+      Vec<2, double> approx = centre;
+      interpolate(node, Lanes::ToVec(lo), Lanes::ToVec(hi), approx);
       const double dx = exact.x() - approx.x();
       const double dy = exact.y() - approx.y();
       if (dx * dx + dy * dy <= toleranceSquared_) {
@@ -71,39 +77,31 @@ bool TfCache::descend(Vec<2, double>& p, Leaf& leaf) {
       }
       // Midpoints are not shared with neighbouring cells: each split appends
       // its own five vertices, trading memory for no neighbour lookups.
+      const Vec<2, double> cellLo = Lanes::ToVec(lo);
+      const Vec<2, double> cellHi = Lanes::ToVec(hi);
       const std::uint64_t n = vertices_.size();
       vertices_.push_back(exact);
-      for (Vec<2, double> mid : {Vec<2, double>(c.x(), lo.y()), Vec<2, double>(lo.x(), c.y()),
-                                 Vec<2, double>(hi.x(), c.y()), Vec<2, double>(c.x(), hi.y())}) {
+      for (Vec<2, double> mid :
+           {Vec<2, double>(centre.x(), cellLo.y()), Vec<2, double>(cellLo.x(), centre.y()),
+            Vec<2, double>(cellHi.x(), centre.y()), Vec<2, double>(centre.x(), cellHi.y())}) {
         transform_->Transform(mid);
         vertices_.push_back(mid);
       }
       const Node parent = nodes_[node];
-      const auto m = static_cast<std::int32_t>(nodes_.size());
+      state = static_cast<std::int32_t>(nodes_.size());
       nodes_.push_back({parent.ll, n + 2, n + 1, n, 0});
       nodes_.push_back({n + 1, n, parent.lr, n + 3, 0});
       nodes_.push_back({n + 2, parent.ul, n, n + 4, 0});
       nodes_.push_back({n, n + 4, n + 3, parent.ur, 0});
-      nodes_[node].state = m;
+      nodes_[node].state = state;
     }
-    // A point on a centre line goes right or up.
-    std::size_t quadrant = 0;
-    if (c.x() <= p.x()) {
-      lo.x() = routeMin.x() = c.x();
-      quadrant += 1;
-    } else {
-      hi.x() = routeMax.x() = c.x();
-    }
-    if (c.y() <= p.y()) {
-      lo.y() = routeMin.y() = c.y();
-      quadrant += 2;
-    } else {
-      hi.y() = routeMax.y() = c.y();
-    }
-    node = static_cast<std::size_t>(nodes_[node].state) + quadrant;
+    node = static_cast<std::size_t>(state) + detail::Route<Lanes>(c, point, lo, hi, routeLo, routeHi);
   }
-  interpolate(node, lo, hi, p);
-  leaf = {node, lo, hi, routeMin, routeMax};
+  const Node& n = nodes_[node];
+  p = Lanes::ToVec(detail::Bilinear<Lanes>(Lanes::Load(vertices_[n.ll]), Lanes::Load(vertices_[n.ul]),
+                                           Lanes::Load(vertices_[n.lr]), Lanes::Load(vertices_[n.ur]), lo, hi,
+                                           point));
+  leaf = {node, lo, hi, routeLo, routeHi};
   return true;
 }
 
@@ -117,15 +115,23 @@ void TfCache::transform(const IDataArray<Vec<2, double>>& points) {
   if (transform_ == nullptr) return;
   Leaf leaf;
   bool haveLeaf = false;
+  V ll{}, ul{}, lr{}, ur{};
   for (Vec<2, double>& p : points) {
-    // The descent routes exactly the points of this half-open range to the
-    // leaf, and leaves never change, so skipping it changes nothing.
-    if (haveLeaf && leaf.routeMin.x() <= p.x() && p.x() < leaf.routeMax.x() && leaf.routeMin.y() <= p.y() &&
-        p.y() < leaf.routeMax.y()) {
-      interpolate(leaf.node, leaf.cellMin, leaf.cellMax, p);
+    // The descent routes exactly the points of this range to the leaf, and
+    // leaves never change, so skipping it changes nothing.
+    const V point = Lanes::Load(p);
+    if (haveLeaf && detail::InRoute<Lanes>(leaf.routeLo, leaf.routeHi, point)) {
+      p = Lanes::ToVec(detail::Bilinear<Lanes>(ll, ul, lr, ur, leaf.lo, leaf.hi, point));
       continue;
     }
     haveLeaf = descend(p, leaf);
+    if (haveLeaf) {
+      const Node& n = nodes_[leaf.node];
+      ll = Lanes::Load(vertices_[n.ll]);
+      ul = Lanes::Load(vertices_[n.ul]);
+      lr = Lanes::Load(vertices_[n.lr]);
+      ur = Lanes::Load(vertices_[n.ur]);
+    }
   }
 }
 

@@ -53,14 +53,9 @@ private:
     std::uint64_t ll, ul, lr, ur;
     std::int32_t state;
   };
-  // Where a descent ended: a leaf (node) with its cell, plus the half-open
-  // range of points the descent would route to it (unbounded at the region's
-  // outer edges).
-  struct Leaf {
-    std::size_t node;
-    Vec<2, double> cellMin, cellMax;
-    Vec<2, double> routeMin, routeMax;
-  };
+  // Where a descent ended: a leaf, its cell and the range of points the
+  // descent routes to it.
+  struct Leaf;
 
   // Descends from the root; true with `leaf` filled when p was interpolated
   // in a leaf, false when it was transformed exactly (depth fallback).
