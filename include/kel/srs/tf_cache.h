@@ -42,31 +42,38 @@ public:
   // points of a polyline usually do: they skip the descent.
   void transform(const IDataArray<Vec<2, double>>& points);
 
-  std::size_t nodeCount() const { return nodes_.size(); }
+  std::size_t nodeCount() const { return states_.size(); }
   std::size_t vertexCount() const { return vertices_.size(); }
 
 private:
-  // Corners are indices into vertices_; state 0 = untested, -1 = leaf, else
-  // the first of four children (lower-left, lower-right, upper-left,
-  // upper-right).
-  struct Node {
+  // A node: the indices into vertices_ of its cell's corners, and its state
+  // (0 untested, -1 leaf, else the first of its four children: lower-left,
+  // lower-right, upper-left, upper-right). The states live apart, in
+  // states_, so that a descent reads 4 bytes per level and the upper levels
+  // stay in the first-level cache (10 of 28 ns per query on 1 M points).
+  struct Corners {
     std::uint64_t ll, ul, lr, ur;
-    std::int32_t state;
   };
   // Where a descent ended: a leaf, its cell and the range of points the
   // descent routes to it.
   struct Leaf;
 
-  // Descends from the root; true with `leaf` filled when p was interpolated
-  // in a leaf, false when it was transformed exactly (depth fallback).
-  bool descend(Vec<2, double>& p, Leaf& leaf);
+  // Descends from the root; true when p was interpolated in a leaf (then
+  // described in `leaf` if it is not null), false when it was transformed
+  // exactly (depth fallback).
+  template <bool kTrackLeaf>
+  bool descend(Vec<2, double>& p, Leaf* leaf);
+  // Tests an untested node with centre c: a leaf (true) when the exact centre
+  // is within tolerance of the interpolated one, else split (false).
+  bool test(std::size_t node, const Vec<2, double>& lo, const Vec<2, double>& hi, const Vec<2, double>& c);
   void interpolate(std::size_t node, const Vec<2, double>& cellMin, const Vec<2, double>& cellMax,
                    Vec<2, double>& p) const;
 
   const ITransform* transform_;
   BBox<2, double> region_;
   std::vector<Vec<2, double>> vertices_;
-  std::vector<Node> nodes_;
+  std::vector<Corners> nodes_;
+  std::vector<std::int32_t> states_;
   double toleranceSquared_;
   std::size_t maxDepth_;
 };

@@ -89,18 +89,26 @@ typename L::V Bilinear(typename L::V ll, typename L::V ul, typename L::V lr, typ
   return L::Add(L::Mul(bottom, L::Sub(one, ty)), L::Mul(top, ty));
 }
 
-// One step of the descent: shrinks the cell [lo, hi] to the quadrant of p
-// around the centre c (a point on a centre line goes right or up, a NaN left
-// or down) and the routing range [routeLo, routeHi) with it. Returns the
+// One step of the descent: shrinks the cell [lo, hi] with centre c to the
+// quadrant of p (a point on a centre line goes right or up, a NaN left or
+// down), and the routing range [routeLo, routeHi) with it. Returns the
 // quadrant: 0 lower-left, 1 lower-right, 2 upper-left, 3 upper-right.
-template <class L>
-int Route(typename L::V c, typename L::V p, typename L::V& lo, typename L::V& hi, typename L::V& routeLo,
+// Both candidate centres are computed before the comparison is known, which
+// keeps the addition off the chain from one level to the next; each equals
+// (lo + hi) / 2 of its quadrant bit for bit.
+template <class L, bool kTrackRoute = true>
+int Route(typename L::V p, typename L::V& lo, typename L::V& hi, typename L::V& c, typename L::V& routeLo,
           typename L::V& routeHi) {
   const typename L::M upper = L::Le(c, p);
+  const typename L::V cLower = L::Half(L::Add(lo, c));
+  const typename L::V cUpper = L::Half(L::Add(c, hi));
   lo = L::Select(upper, c, lo);
   hi = L::Select(upper, hi, c);
-  routeLo = L::Select(upper, c, routeLo);
-  routeHi = L::Select(upper, routeHi, c);
+  if constexpr (kTrackRoute) {
+    routeLo = L::Select(upper, c, routeLo);
+    routeHi = L::Select(upper, routeHi, c);
+  }
+  c = L::Select(upper, cUpper, cLower);
   return L::Bits(upper);
 }
 
