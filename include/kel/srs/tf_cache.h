@@ -61,13 +61,33 @@ private:
   // Descends from the root; true when p was interpolated in a leaf (then
   // described in `leaf` if it is not null), false when it was transformed
   // exactly (depth fallback).
+  // Private members are hidden from the library's exports, so that calls
+  // within the library are direct and can inline.
   template <bool kTrackLeaf>
-  bool descend(Vec<2, double>& p, Leaf* leaf);
+  KEL_NO_EXPORT bool descend(Vec<2, double>& p, Leaf* leaf);
   // Tests an untested node with centre c: a leaf (true) when the exact centre
   // is within tolerance of the interpolated one, else split (false).
-  bool test(std::size_t node, const Vec<2, double>& lo, const Vec<2, double>& hi, const Vec<2, double>& c);
-  void interpolate(std::size_t node, const Vec<2, double>& cellMin, const Vec<2, double>& cellMax,
+  KEL_NO_EXPORT bool test(std::size_t node, const Vec<2, double>& lo, const Vec<2, double>& hi,
+                          const Vec<2, double>& c);
+  KEL_NO_EXPORT void interpolate(std::size_t node, const Vec<2, double>& cellMin, const Vec<2, double>& cellMax,
                    Vec<2, double>& p) const;
+
+  // A shortcut past the top of the descent. Each axis is cut as the tree
+  // cuts it, down to level kJumpLevel; the 2^K x 2^K cells of that level each
+  // remember the node a descent found for them: the node at level K, or the
+  // leaf above it. A query finds its cell from the per-axis cuts (the same
+  // comparisons the descent makes, so the same cell) and starts there. The
+  // tree itself is untouched; this saves the first K levels (3 of 21 ns per
+  // query on the benchmark's 1 mm tree).
+  static constexpr int kJumpLevel = 6;
+  struct AxisCell {  // one cell of one axis at one level, as the descent computes it
+    double lo, hi, c, routeLo, routeHi;
+  };
+  struct Jump {
+    std::int32_t node = -1;  // -1: no descent has been here yet
+    std::int32_t level = 0;
+  };
+  KEL_NO_EXPORT void buildJumps();
 
   const ITransform* transform_;
   BBox<2, double> region_;
@@ -76,6 +96,9 @@ private:
   std::vector<std::int32_t> states_;
   double toleranceSquared_;
   std::size_t maxDepth_;
+  std::vector<AxisCell> axes_[2];  // level l at offset 2^l - 1
+  std::vector<Jump> jumps_;        // empty when the region is not a proper box
+  double jumpScale_[2] = {0, 0};   // level-K columns per unit
 };
 
 }  // namespace kel
