@@ -1,10 +1,13 @@
 #include "kel/srs/srs_coord_sys.h"
 
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <map>
 
 #include "kel/core/log.h"
+#include "kel/core/text.h"
 #include "kel/srs/srs_transform.h"
 #include "kel/srs/srs_utils.h"
 #include "srs/detail/catalogue.h"
@@ -126,6 +129,52 @@ double SRSCoordSys::GetUnitScale() const {
     return 0.0;
   }
   return toBase;
+}
+
+SRSCoordSys::UnitCode SRSCoordSys::GetUnitCode() const {
+  PJ_CONTEXT* ctx = detail::ThreadContext();
+  PJ* crs = system_->crs.local();
+  detail::PjPtr horizontal = crs ? detail::HorizontalCrs(ctx, crs) : nullptr;
+  detail::PjPtr cs(horizontal ? proj_crs_get_coordinate_system(ctx, horizontal.get()) : nullptr);
+  const char *name = nullptr, *auth = nullptr, *code = nullptr;
+  if (!cs || !proj_cs_get_axis_info(ctx, cs.get(), 0, nullptr, nullptr, nullptr, nullptr, &name, &auth, &code)) {
+    WarnGetter(L"GetUnitCode", system_->code, detail::TakeProjError(ctx));
+    return UnitCode::Unknown;
+  }
+  // By name first: EPSG gives most geographic systems the variant "degree
+  // (supplier to define representation)", 9122, which callers know as
+  // degree, 9102. Else EPSG's code as it is.
+  UnitInfo info;
+  if (UnitConverter::FindUnit(detail::FromProj(name), info)) return info.code;
+  const bool epsg = auth != nullptr && code != nullptr && std::strcmp(auth, "EPSG") == 0;
+  return epsg ? static_cast<UnitCode>(std::atoi(code)) : UnitCode::Unknown;
+}
+
+void SRSCoordSys::SetUnitCode(UnitCode code) {
+  UnitInfo unit;
+  const bool known = UnitConverter::FindUnit(code, unit);
+  const UnitKind wanted = system_->isGeographic ? UnitKind::Angle : UnitKind::Length;
+  if (!known || unit.kind != wanted) {
+    WarnGetter(L"SetUnitCode", system_->code,
+               L"unit " + std::to_wstring(static_cast<int>(code)) +
+                   (system_->isGeographic ? L" is not an angle unit" : L" is not a length unit"));
+    return;
+  }
+  std::lock_guard<std::recursive_mutex> lock(detail::CoordSysLock());
+  PJ_CONTEXT* ctx = detail::MasterContext();
+  detail::ClearProjError(ctx);
+  const std::string name = WString2Utf8String(unit.name);
+  const std::string epsg = std::to_string(static_cast<int>(code));
+  PJ* master = system_->crs.master();
+  detail::PjPtr altered(system_->isGeographic
+                            ? proj_crs_alter_cs_angular_unit(ctx, master, name.c_str(), unit.factor, "EPSG", epsg.c_str())
+                            : proj_crs_alter_cs_linear_unit(ctx, master, name.c_str(), unit.factor, "EPSG", epsg.c_str()));
+  if (!altered) {
+    WarnGetter(L"SetUnitCode", system_->code, detail::TakeProjError(ctx));
+    return;
+  }
+  system_ = std::make_shared<detail::ProjSystem>(std::move(altered), system_->code, system_->isGeographic,
+                                                 system_->isArbitrary);
 }
 
 BBox<2, double> SRSCoordSys::GetBoundary() const {

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "kel/core/log.h"
+#include "kel/geometry/geometry_buffer.h"
 #include "kel/srs/srs_coord_sys.h"
 #include "srs/detail/proj_crs.h"
 
@@ -85,6 +86,19 @@ bool SRSTransform::Transform(double& x, double& y, double& z) const {
 bool SRSTransform::Transform(Vec<3, double>& p) const { return Transform(p.x(), p.y(), p.z()); }
 
 bool SRSTransform::Transform(Vec<2, double>& p) const { return Transform(p.x(), p.y()); }
+
+bool SRSTransform::Transform(GeometryBuffer& g) const {
+  double* xyz = g.pointData();
+  for (int i = 0, n = g.pointCount(); i < n; ++i, xyz += 3) {
+    if (!TransformXY(xyz[0], xyz[1])) {
+      LogTransformError();
+      return false;
+    }
+    xyz[2] *= heightScale_;
+  }
+  g.RecomputeBBox();
+  return true;
+}
 
 bool SRSTransform::Transform(const IDataArray<Vec<3, double>>& points) const {
   for (Vec<3, double>& p : points) {

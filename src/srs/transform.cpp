@@ -2,6 +2,8 @@
 
 #include <cassert>
 
+#include "kel/geometry/geometry_buffer.h"
+
 namespace kel {
 namespace {
 
@@ -16,6 +18,14 @@ bool EachUntilFailure(const ITransform& t, const IDataArray<V>& points) {
 }
 
 }  // namespace
+
+bool ITransform::Transform(GeometryBuffer& g) const {
+  double* xyz = g.pointData();
+  bool ok = true;
+  for (int i = 0, n = g.pointCount(); i < n && ok; ++i) ok = Transform(xyz[3 * i], xyz[3 * i + 1], xyz[3 * i + 2]);
+  g.RecomputeBBox();
+  return ok;
+}
 
 bool ITransform::Transform(const IDataArray<Vec<3, double>>& points) const {
   return EachUntilFailure(*this, points);
@@ -79,6 +89,16 @@ void MatrixTransform::getMatrix(Mat<4, double>& out) const { out = m_; }
 void CompositeTransform::add(const std::shared_ptr<const ITransform>& t) {
   assert(t && "CompositeTransform::add needs a transform");
   members_.push_back(t);
+}
+
+bool CompositeTransform::Transform(GeometryBuffer& g) const {
+  double* xyz = g.pointData();
+  const int n = g.pointCount();
+  for (const auto& m : members_)
+    for (int i = 0; i < n; ++i)
+      if (!m->Transform(xyz[3 * i], xyz[3 * i + 1], xyz[3 * i + 2])) return false;
+  g.RecomputeBBox();
+  return true;
 }
 
 bool CompositeTransform::Transform(const IDataArray<Vec<3, double>>& points) const {

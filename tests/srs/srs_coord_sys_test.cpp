@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "kel/core/text.h"
+#include "kel/settings/unit_converter.h"
 #include "kel/srs/srs_transform.h"
 #include "kel/srs/srs_utils.h"
 #include "srs/detail/code_table.h"
@@ -173,33 +174,77 @@ TEST(SRSCoordSys, WktRoundTripsThroughCreate) {
 }
 
 TEST(SRSCoordSys, UnitsScalesAndPrecisions) {
+  using U = SRSCoordSys::UnitCode;
   const struct {
     const wchar_t* code;
     const wchar_t* units;
+    U unit;
     double scale;
     int precisionMm;  // GetPrecision(-3)
     bool geographic, arbitrary;
   } cases[] = {
-      {L"LL84", L"degree", 111325.0, 8, true, false},
-      {L"EPSG:4807", L"grad", 111325.0, 8, true, false},  // grads, still metres per degree
-      {L"UTM84-32N", L"metre", 1.0, 3, false, false},
-      {L"EPSG:2240", L"US survey foot", 1200.0 / 3937.0, 2, false, false},
-      {L"EPSG:2222", L"foot", 0.3048, 2, false, false},
-      {L"EPSG:5555", L"metre", 1.0, 3, false, false},  // compound: the horizontal part
-      {L"NERTH", L"metre", 1.0, 3, false, true},
-      {L"NERTH-SRT", L"metre", 1.0, 3, false, true},
+      {L"LL84", L"degree", U::Degree, 111325.0, 8, true, false},
+      {L"EPSG:4807", L"grad", U::Grad, 111325.0, 8, true, false},  // grads, still metres per degree
+      {L"UTM84-32N", L"metre", U::Metre, 1.0, 3, false, false},
+      {L"EPSG:2240", L"US survey foot", U::USSurveyFoot, 1200.0 / 3937.0, 2, false, false},
+      {L"EPSG:2222", L"foot", U::Foot, 0.3048, 2, false, false},
+      {L"EPSG:5555", L"metre", U::Metre, 1.0, 3, false, false},  // compound: the horizontal part
+      {L"NERTH", L"metre", U::Metre, 1.0, 3, false, true},
+      {L"NERTH-SRT", L"metre", U::Metre, 1.0, 3, false, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(WString2Utf8String(c.code));
     const Sys s = SRSCoordSys::Create(c.code);
     ASSERT_TRUE(s);
     EXPECT_EQ(s->GetUnits(), c.units);
+    EXPECT_EQ(s->GetUnitCode(), c.unit);
+    if (!c.geographic) {
+      EXPECT_DOUBLE_EQ(UnitConverter::GetFactor(c.unit), c.scale);
+    }
     EXPECT_DOUBLE_EQ(s->GetUnitScale(), c.scale);
     EXPECT_EQ(s->GetPrecision(-3), c.precisionMm);
     EXPECT_EQ(s->GetPrecision(20), 0);
     EXPECT_EQ(s->IsGeographic(), c.geographic);
     EXPECT_EQ(s->IsArbitrary(), c.arbitrary);
   }
+}
+
+// SetUnitCode changes the object it is called on (here private copies, so
+// the registry's systems stay as they are).
+TEST(SRSCoordSys, SetUnitCodeReexpressesCoordinates) {
+  using U = SRSCoordSys::UnitCode;
+  const Sys ll84 = SRSCoordSys::Create(L"LL84");
+  const Sys utm = SRSCoordSys::Create(L"UTM84-30N");
+  const auto feet = std::make_shared<SRSCoordSys>(*utm);
+  feet->SetUnitCode(U::Foot);
+  EXPECT_EQ(feet->GetUnitCode(), U::Foot);
+  EXPECT_EQ(feet->GetUnits(), L"foot");
+  EXPECT_DOUBLE_EQ(feet->GetUnitScale(), 0.3048);
+  EXPECT_EQ(feet->GetCode(), L"UTM84-30N");
+  EXPECT_EQ(utm->GetUnitCode(), U::Metre);
+  Vec2d inMetres(-3.5, 52), inFeet = inMetres;
+  ASSERT_TRUE(SRSTransform::Create(ll84, utm)->Transform(inMetres));
+  ASSERT_TRUE(SRSTransform::Create(ll84, feet)->Transform(inFeet));
+  EXPECT_NEAR(inFeet.x() * 0.3048, inMetres.x(), 1e-6);
+  EXPECT_NEAR(inFeet.y() * 0.3048, inMetres.y(), 1e-6);
+
+  const auto grads = std::make_shared<SRSCoordSys>(*ll84);
+  grads->SetUnitCode(U::Grad);
+  EXPECT_EQ(grads->GetUnitCode(), U::Grad);
+  EXPECT_EQ(grads->GetUnitScale(), 111325.0);
+  Vec2d g(-3.5, 52);
+  ASSERT_TRUE(SRSTransform::Create(ll84, grads)->Transform(g));
+  EXPECT_NEAR(g.x(), -3.5 * 400 / 360, 1e-12);
+  EXPECT_NEAR(g.y(), 52.0 * 400 / 360, 1e-12);
+
+  test::LogCapture log;
+  const auto wrongKind = std::make_shared<SRSCoordSys>(*utm);
+  wrongKind->SetUnitCode(U::Degree);
+  wrongKind->SetUnitCode(U::Hectare);
+  wrongKind->SetUnitCode(static_cast<U>(12345));
+  EXPECT_EQ(wrongKind->GetUnitCode(), U::Metre);
+  EXPECT_EQ(log.log().events.size(), 3u);
+  EXPECT_TRUE(log.contains("Coordinate system error: SetUnitCode(UTM84-30N): "));
 }
 
 TEST(SRSCoordSys, BoundaryIsTheAreaOfUseInOwnCoordinates) {

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "kel/core/text.h"
+#include "kel/geometry/geometry_buffer.h"
 #include "kel/srs/srs_coord_sys.h"
 #include "kel/srs/srs_utils.h"
 #include "support/log_capture.h"
@@ -136,6 +137,38 @@ TEST(SRSTransform, HeightsAreOnlyScaledBetweenUnits) {
     t->scaleZ(z);
     EXPECT_DOUBLE_EQ(z, 3 * c.scale);
   }
+}
+
+TEST(SRSTransform, GeometriesGoPointByPointAndGetNewBounds) {
+  const auto t = SRSTransform::Create(L"EPSG:2240", L"UTM83-17");  // feet to metres
+  ASSERT_TRUE(t);
+  GeometryBuffer g(4, FdoDimensionality_XYZ, false);
+  const std::vector<Vec3d> pts{{2200000, 1200000, 10}, {2210000, 1200000, 20}, {2210000, 1210000, 30}};
+  for (const Vec3d& p : pts) g.LineTo(p);
+  g.RecomputeBBox();
+  ASSERT_TRUE(t->Transform(g));
+  BBox<3, double> expect;
+  for (int i = 0; i < 3; ++i) {
+    Vec3d p = pts[i];
+    ASSERT_TRUE(t->Transform(p));
+    EXPECT_EQ(g.GetPoint(i), p);
+    expect.extend(p);
+  }
+  EXPECT_EQ(g.GetBBox3d(), expect);
+
+  // A failing point stops the walk; the bounds stay as they were.
+  test::LogCapture log;
+  const auto toUtm = SRSTransform::Create(L"LL84", L"UTM84-32N");
+  GeometryBuffer bad(2, FdoDimensionality_XY, false);
+  bad.MoveTo(9.5, 48);
+  bad.LineTo(9.5, 95);
+  bad.RecomputeBBox();
+  const BBox<3, double> before = bad.GetBBox3d();
+  EXPECT_FALSE(toUtm->Transform(bad));
+  EXPECT_GT(bad.GetPoint(0).x(), 1000);
+  EXPECT_EQ(bad.GetPoint(1), Vec3d(9.5, 95, 0));
+  EXPECT_EQ(bad.GetBBox3d(), before);
+  EXPECT_EQ(log.events().size(), 1u);
 }
 
 TEST(SRSTransform, CreateGivesNothingWhereNothingIsToDo) {

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "kel/geometry/geometry_buffer.h"
+
 namespace kel {
 namespace {
 
@@ -164,6 +166,50 @@ TEST(CompositeTransform, EmptyChainChangesNothingAndSucceeds) {
   EXPECT_EQ(Vec3d(x, y, z), Vec3d(6, 7, 8));
   EXPECT_EQ(box, Box2(Vec2d(0, 0), Vec2d(1, 1)));
   EXPECT_EQ(pts[0], Vec3d(1, 1, 1));
+}
+
+// A polyline of three points, z = 0, 1, 2, with its bounds computed.
+GeometryBuffer Line(double y0, double y1, double y2) {
+  GeometryBuffer g(3, FdoDimensionality_XYZ, false);
+  g.MoveTo(0, y0, 0);
+  g.LineTo(1, y1, 1);
+  g.LineTo(2, y2, 2);
+  g.RecomputeBBox();
+  return g;
+}
+
+TEST(ITransform, GeometryWalkStopsAtTheFirstFailureButRecomputesTheBounds) {
+  const Shift shift(10, 0, 100, /*failAtY=*/5);
+  GeometryBuffer g = Line(0, 7, 1);
+  EXPECT_FALSE(shift.Transform(g));
+  EXPECT_EQ(g.GetPoint(0), Vec3d(10, 0, 100));
+  EXPECT_EQ(g.GetPoint(1), Vec3d(1, 7, 1));
+  EXPECT_EQ(g.GetPoint(2), Vec3d(2, 1, 2));
+  EXPECT_EQ(g.GetBBox3d(), Box3(Vec3d(1, 0, 1), Vec3d(10, 7, 100)));
+  GeometryBuffer empty(0, FdoDimensionality_XY, false);
+  EXPECT_TRUE(shift.Transform(empty));
+}
+
+TEST(CompositeTransform, GeometryFailingInTheSecondMemberKeepsTheFirstAndTheOldBounds) {
+  CompositeTransform chain;
+  chain.add(std::make_shared<Shift>(0, 2, 0));
+  chain.add(std::make_shared<Shift>(5, 0, 0, /*failAtY=*/4));
+  GeometryBuffer g = Line(0, 1, 2);  // the third point reaches y = 4 after the first member
+  const Box3 before = g.GetBBox3d();
+  EXPECT_FALSE(chain.Transform(g));
+  EXPECT_EQ(g.GetPoint(0), Vec3d(5, 2, 0));
+  EXPECT_EQ(g.GetPoint(1), Vec3d(6, 3, 1));
+  EXPECT_EQ(g.GetPoint(2), Vec3d(2, 4, 2));
+  EXPECT_EQ(g.GetBBox3d(), before);
+
+  // Success, and the empty chain, recompute the bounds.
+  GeometryBuffer h = Line(0, 1, 2);
+  h.SetPoint(0, Vec3d(-50, 0, 0));  // SetPoint leaves the bounds stale
+  EXPECT_TRUE(CompositeTransform().Transform(h));
+  EXPECT_EQ(h.GetBBox3d().min.x(), -50);
+  GeometryBuffer k = Line(0, 1, 1.5);
+  EXPECT_TRUE(chain.Transform(k));
+  EXPECT_EQ(k.GetBBox3d(), Box3(Vec3d(5, 2, 0), Vec3d(7, 3.5, 2)));
 }
 
 }  // namespace

@@ -24,6 +24,7 @@
 #include "kel/core/enumerate.h"
 #include "kel/core/types.h"
 #include "kel/export.h"
+#include "kel/settings/unit_converter.h"
 
 namespace kel {
 
@@ -33,6 +34,9 @@ struct ProjSystem;
 
 class KEL_API SRSCoordSys {
 public:
+  // EPSG unit-of-measure codes, shared with UnitConverter.
+  using UnitCode = kel::UnitCode;
+
   // The same object for the same text, character for character, for the
   // life of the process; a text that failed once stays failed (and empty).
   // A four- or five-digit EPSG number, bare or after "EPSG:", goes through
@@ -57,6 +61,14 @@ public:
   // Metres per unit; for every geographic system the fixed 111325.0 (metres
   // per degree at the equator), whatever its angular unit. 0 on failure.
   double GetUnitScale() const;
+  // The horizontal unit's EPSG code; Unknown when PROJ gives none.
+  UnitCode GetUnitCode() const;
+  // Gives the system (the object every holder shares) the unit `code` for
+  // its horizontal axes: a length for projected and engineering systems, an
+  // angle for geographic ones. Coordinates are then read in that unit; the
+  // code and description stay. A unit of the wrong kind or one UnitConverter
+  // does not know leaves the system as it was, with the getter warning.
+  void SetUnitCode(UnitCode code);
   // The area of use in the system's own coordinates (easting/longitude
   // first); the empty box (+max/-max) when PROJ knows none, as for the
   // non-earth systems.

@@ -41,6 +41,8 @@ public:
   ~SRSTransform();
 
   using ITransform::Transform;
+  // Every point; the bounds are recomputed only when all succeeded.
+  bool Transform(GeometryBuffer& g) const override;
   bool Transform(const IDataArray<Vec<3, double>>& points) const override;
   bool Transform(const IDataArray<Vec<2, double>>& points) const override;
   bool Transform(Vec<3, double>& p) const override;

@@ -14,6 +14,8 @@
 
 namespace kel {
 
+class GeometryBuffer;
+
 // Abstract; no data. There is no virtual destructor: hold implementations
 // through std::shared_ptr of the concrete type or of ITransform const, whose
 // deleter knows the concrete type. The protected destructor makes deleting
@@ -23,6 +25,10 @@ namespace kel {
 // append their own operations after the last one.
 class KEL_API ITransform {
 public:
+  // Every point's stored x, y and z through Transform(x, y, z), in order,
+  // until the first failure (later points stay untouched); then the bounds
+  // are always recomputed. True when all succeeded (and for no points).
+  virtual bool Transform(GeometryBuffer& g) const;
   // Each element through Transform(Vec&), in index order, until the first
   // failure; later elements stay untouched. True when all succeeded (and
   // for an empty array).
@@ -85,6 +91,9 @@ public:
   void add(const std::shared_ptr<const ITransform>& t);
 
   using ITransform::Transform;
+  // Member-major too; a failure returns at once and leaves the bounds as
+  // they were, success recomputes them (also for an empty chain).
+  bool Transform(GeometryBuffer& g) const override;
   bool Transform(const IDataArray<Vec<3, double>>& points) const override;
   bool Transform(const IDataArray<Vec<2, double>>& points) const override;
   bool Transform(Vec<3, double>& p) const override;

@@ -14,6 +14,7 @@
 #include <string>
 
 #include <proj.h>
+#include <proj_experimental.h>
 
 namespace kel::detail {
 
