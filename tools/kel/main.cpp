@@ -1,5 +1,6 @@
 // kel: the command-line face of the kel library.
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <memory>
@@ -91,6 +92,9 @@ int RunKel(const std::vector<std::string>& args) {
 
 int main(int argc, char** argv) {
   tool::ProgressView view;  // first: it blocks Ctrl-C for every thread started later
+  // A file size limit (ulimit -f) then fails the write with EFBIG, which the
+  // library reports and cleans up after, instead of killing the process.
+  std::signal(SIGXFSZ, SIG_IGN);
   tool::ConfigureLogging();
   std::vector<std::string> args(argv + 1, argv + argc);
   if (!args.empty() && args[0] == "help") args[0] = "--help";
