@@ -8,6 +8,7 @@
 #include "kel/core/text.h"
 #include "kel/core/types.h"
 #include "kel/core/wexception.h"
+#include "kel/features/fdo_filter.h"
 #include "kel/image/color.h"
 #include "kel/image/dds.h"
 #include "kel/image/image.h"
