@@ -136,7 +136,10 @@ public:
   }
 
 private:
-  static constexpr int kMaxNesting = 100;
+  // Brackets, NOT and minus recurse. The canonical text of a tree of height
+  // h nests at most 2h + 1 deep ("NOT (", "-("), so every accepted tree's
+  // text reads back.
+  static constexpr int kMaxNesting = 2 * FdoFilterUtil::MaxDepth + 1;
 
   [[noreturn]] void Fail(std::size_t offset, const std::wstring& message) { throw ParseFailure{offset, message}; }
 

@@ -151,10 +151,16 @@ TEST(FdoFilterText, RefusesNestingBeyondTheLimits) {
     EXPECT_EQ(FdoFilterUtil::Parse(text, &error), nullptr);
     EXPECT_EQ(error.message, L"filter is nested too deeply");
   }
-  // Just below the tree limit still parses.
+  // Just below the limits still parses, and so does its canonical text,
+  // which brackets every minus and NOT and so nests twice as deep.
   std::wstring chain = L"a = 0";
   for (int i = 1; i < FdoFilterUtil::MaxDepth; ++i) chain += L" OR a = " + std::to_wstring(i);
-  EXPECT_NE(FdoFilterUtil::Parse(chain), nullptr);
+  const std::wstring minus = L"a = " + std::wstring(FdoFilterUtil::MaxDepth - 1, L'-') + L"b";
+  for (const std::wstring& text : {chain, minus}) {
+    auto f = FdoFilterUtil::Parse(text);
+    ASSERT_NE(f, nullptr);
+    EXPECT_NE(FdoFilterUtil::Parse(f->ToText()), nullptr);
+  }
 }
 
 // ---- fixed-seed random trees: text round trip ----

@@ -325,11 +325,12 @@ public:
   static FdoFilterPtr CreateFdoSpatialExtentFilter(const std::wstring& geometryProperty, const BBox<2, double>& box);
 
   // Reads the text form. On failure returns null, logs "Filter does not
-  // parse at offset N: ..." and, when `error` is given, fills it. Nesting
-  // deeper than MaxDepth (parentheses, NOT, minus) is refused, so hostile
-  // text cannot exhaust the stack.
+  // parse at offset N: ..." and, when `error` is given, fills it. Trees
+  // taller than MaxDepth (a chain of 100 ORs is that tall) and brackets
+  // nested deeper than twice that are refused, so hostile text cannot
+  // exhaust the stack of the reader or of later walks over the tree.
   static FdoFilterPtr Parse(const std::wstring& text, FdoParseError* error = nullptr);
-  static constexpr int MaxDepth = 200;
+  static constexpr int MaxDepth = 100;
 
   // Keywords and operator names as the text form writes them.
   static const wchar_t* ToString(FdoSpatialOperation op);
