@@ -154,6 +154,48 @@ TEST_F(FileStores, HostileValuesMatchOnlyThemselves) {
   }
 }
 
+TEST_F(FileStores, HostileColumnNamesCannotChangeTheQuery) {
+  GDALAllRegister();
+  for (const char* driver : {"GPKG", "GeoJSON"}) {
+    SCOPED_TRACE(driver);
+    const test::fs::path path = *dir / (std::string("hostile.") + (driver[1] == 'P' ? "gpkg" : "geojson"));
+    GDALDataset* ds = GetGDALDriverManager()->GetDriverByName(driver)->Create(path.c_str(), 0, 0, 0, GDT_Unknown,
+                                                                              nullptr);
+    ASSERT_NE(ds, nullptr);
+    const bool written = test::WriteHostileLayer(*ds, "hostile", 24);
+    GDALClose(ds);
+    ASSERT_TRUE(written);
+    auto source = FeatureSource::Open(Utf8String2WString(path.string()));
+    ASSERT_NE(source, nullptr);
+    const auto& names = test::HostileNames();
+    const auto& values = test::HostileStrings();
+    for (std::size_t c = 0; c < names.size(); ++c) {
+      for (std::size_t v = 0; v < values.size(); ++v) {
+        SCOPED_TRACE(names[c] + " = " + values[v]);
+        test::LogCapture log;
+        auto reader = source->Select(
+            L"hostile", FdoComparisonCondition::Create(FdoIdentifier::Create(Utf8String2WString(names[c])),
+                                                       FdoComparisonOperation::EqualTo,
+                                                       FdoDataValue::Create(Utf8String2WString(values[v]))));
+        if (names[c].back() == '\\' && std::string(driver) == "GeoJSON") {
+          // GDAL's SQL has no spelling for a name ending in a backslash.
+          EXPECT_EQ(reader, nullptr);
+          EXPECT_TRUE(log.contains("cannot be written safely for this store"));
+          continue;
+        }
+        ASSERT_NE(reader, nullptr);
+        std::size_t got = 0, expected = 0;
+        while (reader->ReadNext()) {
+          EXPECT_EQ(WString2Utf8String(reader->attributes().at(Utf8String2WString(names[c]))), values[v]);
+          ++got;
+        }
+        for (int r = 0; r < 24; ++r) expected += (static_cast<std::size_t>(r) + c) % values.size() == v;
+        EXPECT_EQ(got, expected);
+      }
+    }
+  }
+}
+
 TEST_F(FileStores, LikeTellsLetterCaseApart) {
   for (const Store& store : Stores()) {
     SCOPED_TRACE(store.label);

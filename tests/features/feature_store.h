@@ -207,6 +207,36 @@ inline std::set<std::int64_t> ReadIds(FeatureReader& reader) {
   return ids;
 }
 
+// Column names that break naive quoting, one for each way.
+inline const std::vector<std::string>& HostileNames() {
+  static const std::vector<std::string> kNames = {"x\") OR 1=1 --", "quo\"te", "it's", "semi;colon", "back\\"};
+  return kNames;
+}
+
+// A layer whose text columns have the hostile names, with `rows` rows:
+// row r, column c holds HostileStrings()[(r + c) % n]. Written through GDAL
+// into an open (or created) dataset; false on failure.
+inline bool WriteHostileLayer(GDALDataset& ds, const std::string& layerName, int rows) {
+  const char* options[] = {"LAUNDER=NO", nullptr};
+  OGRLayer* layer = ds.CreateLayer(layerName.c_str(), nullptr, wkbPoint, const_cast<char**>(options));
+  if (!layer) return false;
+  bool ok = true;
+  for (const std::string& name : HostileNames()) {
+    OGRFieldDefn field(name.c_str(), OFTString);
+    ok &= layer->CreateField(&field) == OGRERR_NONE;
+  }
+  const auto& values = HostileStrings();
+  for (int r = 0; r < rows; ++r) {
+    OGRFeature* f = OGRFeature::CreateFeature(layer->GetLayerDefn());
+    for (std::size_t c = 0; c < HostileNames().size(); ++c)
+      f->SetField(static_cast<int>(c), values[(static_cast<std::size_t>(r) + c) % values.size()].c_str());
+    f->SetGeometryDirectly(new OGRPoint(r, r));
+    ok &= layer->CreateFeature(f) == OGRERR_NONE;
+    OGRFeature::DestroyFeature(f);
+  }
+  return ok;
+}
+
 inline std::string Substitute(std::string text, const std::string& fid, const std::string& geom) {
   for (const auto& [key, value] : {std::pair<std::string, std::string>{"{fid}", fid}, {"{geom}", geom}})
     for (std::size_t at = text.find(key); at != std::string::npos; at = text.find(key, at + value.size()))
