@@ -1,6 +1,7 @@
 // Umbrella header: every public header of the kel library.
 #pragma once
 
+#include "kel/core/atomic_file.h"
 #include "kel/core/enumerate.h"
 #include "kel/core/locale.h"
 #include "kel/core/log.h"
@@ -16,6 +17,7 @@
 #include "kel/image/dds.h"
 #include "kel/image/image.h"
 #include "kel/image/image_util.h"
+#include "kel/settings/unit_converter.h"
 #include "kel/sff/sff_copy.h"
 #include "kel/sff/sff_file_stream.h"
 #include "kel/sff/sff_reader.h"

@@ -2,13 +2,14 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <string>
 #include <system_error>
 
 #include <kel/kel.h>
 
-#include "cli.h"
 #include "commands.h"
+#include "options.h"
 #include "progress_bar.h"
 
 namespace {
@@ -153,41 +154,33 @@ private:
   std::map<std::string, Total> totals_;
 };
 
-int RunDump(const cli::Args& args) {
-  args.expectPositional(1, 1, "kel sff dump FILE [--summary]");
-  args.rejectUnknown({"summary"});
-  kel::sff_file_is in(args.at(0).c_str());
-  Dumper dumper(args.flag("summary"));
+struct SffArgs {
+  std::string in, out;
+  bool summary = false;
+  std::int64_t level = -1;
+};
+
+int RunDump(const SffArgs& a) {
+  kel::sff_file_is in(a.in.c_str());
+  Dumper dumper(a.summary);
   kel::sff_reader().read(in, dumper);
-  if (args.flag("summary")) dumper.printSummary();
+  if (a.summary) dumper.printSummary();
   return 0;
 }
 
-int Convert(const cli::Args& args, bool compress, const char* usage) {
-  args.expectPositional(2, 2, usage);
-  int level = -1;
-  if (compress) {
-    args.rejectUnknown({"level"});
-    if (auto l = args.option("level")) {
-      const auto v = cli::ParseInt(*l, "--level");
-      if (v < -1 || v > 9) throw cli::UsageError("--level must be between -1 and 9");
-      level = static_cast<int>(v);
-    }
-  } else {
-    args.rejectUnknown({});
-  }
-  const std::string& inPath = args.at(0);
-  const std::string& outPath = args.at(1);
+int Convert(const SffArgs& a, bool compress) {
+  const std::string& inPath = a.in;
+  const std::string& outPath = a.out;
   std::error_code ec;
   if (fs::equivalent(fs::path(inPath), fs::path(outPath), ec))
-    throw cli::UsageError("IN and OUT must be different files");
+    throw tool::UsageError("IN and OUT must be different files");
   kel::sff_file_is file(inPath.c_str());
   std::uint64_t records = 0;
   try {
     kel::sff_file_os out(outPath.c_str());
     cli::ProgressBar bar(compress ? "pack" : "unpack", FileSize(inPath));
     ProgressSource in(file, bar);
-    kel::sff_writer writer(out, compress, level);
+    kel::sff_writer writer(out, compress, static_cast<int>(a.level));
     kel::sff_copy_callback copy(writer);
     kel::sff_reader().read(in, copy);
     writer.finish();
@@ -203,26 +196,31 @@ int Convert(const cli::Args& args, bool compress, const char* usage) {
   return 0;
 }
 
-int RunPack(const cli::Args& args) { return Convert(args, true, "kel sff pack IN OUT [--level N]"); }
-int RunUnpack(const cli::Args& args) { return Convert(args, false, "kel sff unpack IN OUT"); }
-
-const std::vector<cli::Command> kCommands = {
-    {"dump", "node tree of an SFF file, or totals per record kind",
-     "usage: kel sff dump FILE [--summary]\n\n"
-     "Prints every record of a plain (SFF0) or compressed (SFZ0) file, indented by\n"
-     "node depth: arrays as element counts, strings as text. --summary prints the\n"
-     "count and payload bytes per record kind instead.\n",
-     {"summary"}, &RunDump},
-    {"pack", "compress an SFF file (SFZ0)",
-     "usage: kel sff pack IN OUT [--level N]\n\n"
-     "Copies every record of IN into a compressed OUT. N is the zlib level, 0-9,\n"
-     "or -1 for zlib's default (6); level 1 is several times faster on mesh data\n"
-     "for output only a few percent larger.\n",
-     {}, &RunPack},
-    {"unpack", "decompress an SFF file (SFF0)",
-     "usage: kel sff unpack IN OUT\n\nCopies every record of IN into a plain OUT.\n", {}, &RunUnpack},
-};
-
 }  // namespace
 
-int RunSffCommand(const std::vector<std::string>& words) { return cli::RunGroup("sff", kCommands, words); }
+void AddSffCommands(CLI::App& app) {
+  CLI::App* group = tool::AddGroup(app, "sff", "SFF scene files: dump, pack, unpack");
+  auto a = std::make_shared<SffArgs>();
+
+  CLI::App* cmd = tool::AddCommand(
+      *group, "dump", "node tree of an SFF file, or totals per record kind",
+      "Prints every record of a plain (SFF0) or compressed (SFZ0) file, indented by\n"
+      "node depth: arrays as element counts, strings as text. --summary prints the\n"
+      "count and payload bytes per record kind instead.",
+      [a] { return RunDump(*a); });
+  cmd->add_option("FILE", a->in, "SFF file")->required();
+  cmd->add_flag("--summary", a->summary, "totals per record kind instead of every record");
+
+  cmd = tool::AddCommand(*group, "pack", "compress an SFF file (SFZ0)",
+                         "Copies every record of IN into a compressed OUT. Level 1 is several times\n"
+                         "faster than the default on mesh data for output only a few percent larger.",
+                         [a] { return Convert(*a, true); });
+  cmd->add_option("IN", a->in, "SFF file to read")->required();
+  cmd->add_option("OUT", a->out, "compressed SFF file to write")->required();
+  tool::AddInt(*cmd, "--level", a->level, -1, 9, "zlib level 0-9, or -1 for zlib's default (6)");
+
+  cmd = tool::AddCommand(*group, "unpack", "decompress an SFF file (SFF0)", "Copies every record of IN into a plain OUT.",
+                         [a] { return Convert(*a, false); });
+  cmd->add_option("IN", a->in, "SFF file to read")->required();
+  cmd->add_option("OUT", a->out, "plain SFF file to write")->required();
+}
