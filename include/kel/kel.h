@@ -13,6 +13,7 @@
 #include "kel/features/fdo_filter_parser.h"
 #include "kel/features/feature_class.h"
 #include "kel/features/feature_source.h"
+#include "kel/features/odbc_configuration.h"
 #include "kel/image/color.h"
 #include "kel/image/dds.h"
 #include "kel/image/image.h"

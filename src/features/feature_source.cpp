@@ -203,8 +203,17 @@ const std::wstring& FeatureSource::connection() const { return impl_->connection
 std::vector<FeatureClassDefinition> FeatureSource::GetClasses() const {
   GdalErrors errors;
   std::vector<FeatureClassDefinition> out;
-  for (int i = 0; i < impl_->dataset->GetLayerCount(); ++i)
-    if (OGRLayer* layer = impl_->dataset->GetLayer(i)) out.push_back(features_detail::DescribeLayer(*layer).definition);
+  for (int i = 0; i < impl_->dataset->GetLayerCount(); ++i) {
+    OGRLayer* layer = impl_->dataset->GetLayer(i);
+    if (!layer) continue;
+    errors.clear();
+    FeatureClassDefinition def = features_detail::DescribeLayer(*layer).definition;
+    if (errors.any()) {
+      KEL_LOG_ERROR(L"Class '" + def.name + L"' cannot be read: " + errors.text());
+      continue;
+    }
+    out.push_back(std::move(def));
+  }
   return out;
 }
 
@@ -231,6 +240,11 @@ FeatureReaderPtr FeatureSource::Select(const std::wstring& className, const FdoF
     return nullptr;
   }
   LayerShape shape = features_detail::DescribeLayer(*layer);
+  if (errors.any()) {
+    // A virtual layer over a table without its configured columns, say.
+    KEL_LOG_ERROR(L"Class '" + className + L"' cannot be read: " + errors.text());
+    return nullptr;
+  }
   if (IsSqlite(*ds)) {
     // LIKE tells letter case apart in every other store; make SQLite agree.
     if (OGRLayer* r = ds->ExecuteSQL("PRAGMA case_sensitive_like = 1", nullptr, nullptr)) ds->ReleaseResultSet(r);
