@@ -325,12 +325,25 @@ bool FdoFilterParser::TwoValued() const {
 }
 
 void FdoFilterParser::ProcessBinaryLogicalOperator(const FdoBinaryLogicalOperator& node) {
+  // A chain of one operator is written flat, "(a) OR (b) OR (c)": SQLite's
+  // parser overflows at about a hundred nested brackets.
+  std::vector<const FdoFilter*> terms;
+  auto collect = [&](const FdoFilter& f, auto&& self) -> void {
+    const auto* b = dynamic_cast<const FdoBinaryLogicalOperator*>(&f);
+    if (b && b->operation() == node.operation()) {
+      self(*b->left(), self);
+      self(*b->right(), self);
+    } else {
+      terms.push_back(&f);
+    }
+  };
+  collect(node, collect);
   // De Morgan under a flipped polarity.
   const bool isAnd = (node.operation() == FdoBinaryLogicalOperation::And) == positive_;
-  sql_ += '(';
-  node.left()->Process(*this);
-  sql_ += isAnd ? ") AND (" : ") OR (";
-  node.right()->Process(*this);
+  for (std::size_t i = 0; i < terms.size(); ++i) {
+    sql_ += i == 0 ? "(" : (isAnd ? ") AND (" : ") OR (");
+    terms[i]->Process(*this);
+  }
   sql_ += ')';
 }
 

@@ -196,6 +196,24 @@ TEST_F(FileStores, HostileColumnNamesCannotChangeTheQuery) {
   }
 }
 
+TEST_F(FileStores, LongChainsOfOneOperatorReachTheStore) {
+  // As tall a tree as the reader takes; SQLite would refuse it as nested SQL.
+  for (const Store& store : Stores()) {
+    SCOPED_TRACE(store.label);
+    std::string text = store.fid + " = 1";
+    for (int k = 2; k <= FdoFilterUtil::MaxDepth; ++k) text += " OR " + store.fid + " = " + std::to_string(k);
+    auto source = FeatureSource::Open(Utf8String2WString(store.connection));
+    ASSERT_NE(source, nullptr);
+    auto reader = source->Select(L"buildings", FdoFilterUtil::Parse(Utf8String2WString(text)));
+    ASSERT_NE(reader, nullptr);
+    EXPECT_EQ(test::ReadIds(*reader),
+              test::SqlIds(store.connection,
+                           "SELECT " + store.sqlFid + " FROM buildings WHERE " + store.sqlFid + " BETWEEN 1 AND " +
+                               std::to_string(FdoFilterUtil::MaxDepth),
+                           "SQLITE"));
+  }
+}
+
 TEST_F(FileStores, LikeTellsLetterCaseApart) {
   for (const Store& store : Stores()) {
     SCOPED_TRACE(store.label);
