@@ -36,6 +36,7 @@ std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
   AddDdsCommands(*app);
   AddTextureCommands(*app);
   AddDemoCommands(*app);
+  AddGeomCommands(*app);
   return app;
 }
 
