@@ -19,6 +19,7 @@
 #include "kel/sff/sff_writer.h"
 #include "kel/sff/sff_zlib_stream.h"
 #include "kel/spatial/bvh.h"
+#include "kel/spatial/pick_index.h"
 #include "kel/spatial/sff2bvh.h"
 #include "kel/tiles/tile_cache.h"
 #include "kel/tiles/tile_coords.h"
