@@ -568,9 +568,9 @@ int main(int argc, char** argv) {
   const double mb = 1e-6;
   const double exactBytes = 32.0 * tree.getNodeCapacity() + 4.0 * tree.getPrimitiveCount();
   std::printf("memory: exact tree %.1f MB (%.1f MB of nodes in use), pick index %.1f MB (nodes %.1f, packets %.1f, "
-              "slots %.1f, columns %.1f), both %.1f MB\n",
+              "columns %.1f), both %.1f MB\n",
               exactBytes * mb, 32.0 * tree.getNodeCount() * mb, double(st.bytes()) * mb, double(st.nodeBytes) * mb,
-              double(st.packetBytes) * mb, double(st.primitiveBytes) * mb, double(st.columnBytes) * mb,
+              double(st.packetBytes) * mb, double(st.columnBytes) * mb,
               (exactBytes + double(st.bytes())) * mb);
 #if KEL_HAVE_EMBREE
   rtcSetDeviceMemoryMonitorFunction(w.device, CountEmbreeBytes, nullptr);

@@ -6,7 +6,7 @@
 #if defined(__AVX512F__) && !defined(KEL_NO_SIMD)
 namespace kel::fdo::detail {
 
-void PickAvx512(const PickData& d, const PickRay& r, PickBest& b) { Pick<Avx512Lanes, Avx2Lanes>(d, r, b); }
+void PickAvx512(const PickData& d, const PickRay& r, PickBest& b) { Pick<Avx512Lanes, Avx512Lanes>(d, r, b); }
 
 }  // namespace kel::fdo::detail
 #endif

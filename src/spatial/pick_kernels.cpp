@@ -4,11 +4,11 @@
 namespace kel::fdo::detail {
 
 void PickWeights(const PickRay& r, const PickBest& b, float* uv) {
-  alignas(64) float tx[32], ty[32], tz[32];
-  Shear<ScalarLanes>(b.packet, r, tx, ty, tz);
-  const std::uint8_t* i = PacketIndices(b.packet);
+  ArrayTable t;
+  ScalarLanes::Shear(PacketVertices(b.packet), Header(b.packet).vertices, r, t);
+  const std::uint8_t* c = PacketCorners(b.packet);
   float out[5];
-  const bool hit = TestLane(tx, ty, tz, i[b.lane], i[16 + b.lane], i[32 + b.lane], out);
+  const bool hit = TestLane(t.x, t.y, t.z, Corner(c, 0, b.lane), Corner(c, 1, b.lane), Corner(c, 2, b.lane), out);
   uv[0] = hit ? out[1] / out[3] : 0.0f;  // V / det: the weight of vertex 1
   uv[1] = hit ? out[2] / out[3] : 0.0f;
 }

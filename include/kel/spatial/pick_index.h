@@ -45,8 +45,8 @@ public:
     int packets = 0;
     int columns = 0;  // grid cells (0: no grid, vertical rays walk the tree)
     std::size_t columnEntries = 0;
-    std::size_t nodeBytes = 0, packetBytes = 0, primitiveBytes = 0, columnBytes = 0;
-    std::size_t bytes() const { return nodeBytes + packetBytes + primitiveBytes + columnBytes; }
+    std::size_t nodeBytes = 0, packetBytes = 0, columnBytes = 0;
+    std::size_t bytes() const { return nodeBytes + packetBytes + columnBytes; }
   };
 
   // An index answering nothing.

@@ -28,12 +28,24 @@ namespace {
 // box that the ray touches, so a hit on a box face is never pruned.
 constexpr float kRobustFar = 1.0000004f;
 
+// A lane type offers the float operations, comparisons giving bit masks,
+// and the packet-specific pieces: Shear (the packet's vertices moved into
+// the ray's frame, kept as a table), Corners (the vertex numbers of corner
+// k for the lanes from `base`) and Pick (table entries by vertex number).
+// Sheared coordinates, one array per axis, for the lane types that keep
+// their tables in memory.
+struct ArrayTable {
+  alignas(64) float x[20], y[20], z[20];  // room for a 4-lane store at vertex 15
+};
+
 struct ScalarLanes {
   using V = float;
+  using I = int;
+  using Part = const float*;
+  using Table = ArrayTable;
   static constexpr int W = 1;
   static V Set1(float s) { return s; }
   static V Load(const float* p) { return *p; }
-  static V LoadN(const float* p, int) { return *p; }
   static void Store(float* p, V v) { *p = v; }
   static V Add(V a, V b) { return a + b; }
   static V Sub(V a, V b) { return a - b; }
@@ -46,16 +58,38 @@ struct ScalarLanes {
   static unsigned Gt(V a, V b) { return a > b; }
   static unsigned Ge(V a, V b) { return a >= b; }
   static unsigned Eq(V a, V b) { return a == b; }
-  static V Gather(const float* table, const std::uint8_t* idx) { return table[*idx & 15]; }
+  static void Shear(const float* v, int n, const PickRay& r, Table& t) {
+    const float* px = v + n * r.kx;
+    const float* py = v + n * r.ky;
+    const float* pz = v + n * r.kz;
+    for (int i = 0; i < n; ++i) {
+      const float c = pz[i] - r.o[r.kz];
+      t.x[i] = (px[i] - r.o[r.kx]) - r.sx * c;
+      t.y[i] = (py[i] - r.o[r.ky]) - r.sy * c;
+      t.z[i] = r.sz * c;
+    }
+  }
+  static Part X(const Table& t) { return t.x; }
+  static Part Y(const Table& t) { return t.y; }
+  static Part Z(const Table& t) { return t.z; }
+  static I Corners(const std::uint8_t* c, int k, int base) { return Corner(c, k, base); }
+  static V Pick(Part p, I i) { return p[i]; }
+  static void Spill(const Table& t, float*, const float*& x, const float*& y, const float*& z) {
+    x = t.x, y = t.y, z = t.z;
+  }
 };
 
 #if defined(__SSE2__) && !defined(KEL_NO_SIMD)
 struct Sse2Lanes {
   using V = __m128;
+  struct I {
+    int i[4];
+  };
+  using Part = const float*;
+  using Table = ArrayTable;
   static constexpr int W = 4;
   static V Set1(float s) { return _mm_set1_ps(s); }
   static V Load(const float* p) { return _mm_loadu_ps(p); }
-  static V LoadN(const float* p, int) { return _mm_loadu_ps(p); }  // vertex counts are multiples of 4
   static void Store(float* p, V v) { _mm_storeu_ps(p, v); }
   static V Add(V a, V b) { return _mm_add_ps(a, b); }
   static V Sub(V a, V b) { return _mm_sub_ps(a, b); }
@@ -68,22 +102,56 @@ struct Sse2Lanes {
   static unsigned Gt(V a, V b) { return unsigned(_mm_movemask_ps(_mm_cmpgt_ps(a, b))); }
   static unsigned Ge(V a, V b) { return unsigned(_mm_movemask_ps(_mm_cmpge_ps(a, b))); }
   static unsigned Eq(V a, V b) { return unsigned(_mm_movemask_ps(_mm_cmpeq_ps(a, b))); }
-  static V Gather(const float* t, const std::uint8_t* i) {
-    return _mm_setr_ps(t[i[0] & 15], t[i[1] & 15], t[i[2] & 15], t[i[3] & 15]);
+  static void Shear(const float* v, int n, const PickRay& r, Table& t) {
+    const float* px = v + n * r.kx;
+    const float* py = v + n * r.ky;
+    const float* pz = v + n * r.kz;
+    const V ox = Set1(r.o[r.kx]), oy = Set1(r.o[r.ky]), oz = Set1(r.o[r.kz]);
+    const V sx = Set1(r.sx), sy = Set1(r.sy), sz = Set1(r.sz);
+    // Four at a time; lanes past the last vertex read the next array or the
+    // corner bytes and are never picked.
+    for (int i = 0; i < n; i += 4) {
+      const V c = Sub(_mm_loadu_ps(pz + i), oz);
+      Store(t.x + i, Sub(Sub(_mm_loadu_ps(px + i), ox), Mul(sx, c)));
+      Store(t.y + i, Sub(Sub(_mm_loadu_ps(py + i), oy), Mul(sy, c)));
+      Store(t.z + i, Mul(sz, c));
+    }
+  }
+  static Part X(const Table& t) { return t.x; }
+  static Part Y(const Table& t) { return t.y; }
+  static Part Z(const Table& t) { return t.z; }
+  static I Corners(const std::uint8_t* c, int k, int base) {
+    return I{{Corner(c, k, base), Corner(c, k, base + 1), Corner(c, k, base + 2), Corner(c, k, base + 3)}};
+  }
+  static V Pick(Part p, const I& i) { return _mm_setr_ps(p[i.i[0]], p[i.i[1]], p[i.i[2]], p[i.i[3]]); }
+  static void Spill(const Table& t, float*, const float*& x, const float*& y, const float*& z) {
+    x = t.x, y = t.y, z = t.z;
   }
 };
 #endif
 
 #if defined(__AVX2__) && !defined(KEL_NO_SIMD)
+// Eight nibbles from four bytes, as eight lanes.
+inline __m256i Nibbles8(const std::uint8_t* p) {
+  int bytes;
+  __builtin_memcpy(&bytes, p, 4);
+  const __m128i b = _mm_cvtsi32_si128(bytes), m = _mm_set1_epi8(15);
+  const __m128i n = _mm_unpacklo_epi8(_mm_and_si128(b, m), _mm_and_si128(_mm_srli_epi16(b, 4), m));
+  return _mm256_cvtepu8_epi32(n);
+}
+
 struct Avx2Lanes {
   using V = __m256;
+  using I = __m256i;
+  struct Part {
+    __m256 lo, hi;  // vertices 0-7 and 8-15
+  };
+  struct Table {
+    Part x, y, z;
+  };
   static constexpr int W = 8;
   static V Set1(float s) { return _mm256_set1_ps(s); }
   static V Load(const float* p) { return _mm256_loadu_ps(p); }
-  static V LoadN(const float* p, int n) {
-    if (n >= 8) return _mm256_loadu_ps(p);
-    return _mm256_maskload_ps(p, _mm256_setr_epi32(-1, -1, -1, -1, 0, 0, 0, 0));  // n == 4
-  }
   static void Store(float* p, V v) { _mm256_storeu_ps(p, v); }
   static V Add(V a, V b) { return _mm256_add_ps(a, b); }
   static V Sub(V a, V b) { return _mm256_sub_ps(a, b); }
@@ -96,13 +164,35 @@ struct Avx2Lanes {
   static unsigned Gt(V a, V b) { return unsigned(_mm256_movemask_ps(_mm256_cmp_ps(a, b, _CMP_GT_OQ))); }
   static unsigned Ge(V a, V b) { return unsigned(_mm256_movemask_ps(_mm256_cmp_ps(a, b, _CMP_GE_OQ))); }
   static unsigned Eq(V a, V b) { return unsigned(_mm256_movemask_ps(_mm256_cmp_ps(a, b, _CMP_EQ_OQ))); }
-  // Sixteen-entry table lookup: two eight-lane permutes and a blend on bit 3.
-  static V Gather(const float* t, const std::uint8_t* i) {
-    const __m256i idx = _mm256_and_si256(
-        _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(i))), _mm256_set1_epi32(15));
-    const __m256 lo = _mm256_permutevar8x32_ps(_mm256_loadu_ps(t), idx);
-    const __m256 hi = _mm256_permutevar8x32_ps(_mm256_loadu_ps(t + 8), idx);
-    return _mm256_blendv_ps(lo, hi, _mm256_castsi256_ps(_mm256_cmpgt_epi32(idx, _mm256_set1_epi32(7))));
+  // Vertices from `at`: lanes past the last one load as 0.
+  static void ShearHalf(const float* v, int n, int at, const PickRay& r, V& x, V& y, V& z) {
+    const __m256i m = _mm256_cmpgt_epi32(_mm256_set1_epi32(n - at), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+    const V c = Sub(_mm256_maskload_ps(v + n * r.kz + at, m), Set1(r.o[r.kz]));
+    x = Sub(Sub(_mm256_maskload_ps(v + n * r.kx + at, m), Set1(r.o[r.kx])), Mul(Set1(r.sx), c));
+    y = Sub(Sub(_mm256_maskload_ps(v + n * r.ky + at, m), Set1(r.o[r.ky])), Mul(Set1(r.sy), c));
+    z = Mul(Set1(r.sz), c);
+  }
+  static void Shear(const float* v, int n, const PickRay& r, Table& t) {
+    ShearHalf(v, n, 0, r, t.x.lo, t.y.lo, t.z.lo);
+    if (n > 8)
+      ShearHalf(v, n, 8, r, t.x.hi, t.y.hi, t.z.hi);
+    else
+      t.x.hi = t.y.hi = t.z.hi = _mm256_setzero_ps();
+  }
+  static const Part& X(const Table& t) { return t.x; }
+  static const Part& Y(const Table& t) { return t.y; }
+  static const Part& Z(const Table& t) { return t.z; }
+  static I Corners(const std::uint8_t* c, int k, int base) { return Nibbles8(c + 8 * k + base / 2); }
+  // Sixteen-entry lookup: two eight-lane permutes and a blend on bit 3.
+  static V Pick(const Part& p, I i) {
+    const V lo = _mm256_permutevar8x32_ps(p.lo, i), hi = _mm256_permutevar8x32_ps(p.hi, i);
+    return _mm256_blendv_ps(lo, hi, _mm256_castsi256_ps(_mm256_cmpgt_epi32(i, _mm256_set1_epi32(7))));
+  }
+  static void Spill(const Table& t, float* buf, const float*& x, const float*& y, const float*& z) {
+    _mm256_storeu_ps(buf, t.x.lo), _mm256_storeu_ps(buf + 8, t.x.hi);
+    _mm256_storeu_ps(buf + 16, t.y.lo), _mm256_storeu_ps(buf + 24, t.y.hi);
+    _mm256_storeu_ps(buf + 32, t.z.lo), _mm256_storeu_ps(buf + 40, t.z.hi);
+    x = buf, y = buf + 16, z = buf + 32;
   }
 };
 #endif
@@ -110,29 +200,48 @@ struct Avx2Lanes {
 #if defined(__AVX512F__) && !defined(KEL_NO_SIMD)
 struct Avx512Lanes {
   using V = __m512;
+  using I = __m512i;
+  using Part = __m512;
+  struct Table {
+    __m512 x, y, z;
+  };
   static constexpr int W = 16;
   static V Set1(float s) { return _mm512_set1_ps(s); }
   static V Load(const float* p) { return _mm512_loadu_ps(p); }
-  static V LoadN(const float* p, int n) {
-    return _mm512_maskz_loadu_ps(n >= 16 ? __mmask16(0xffff) : __mmask16((1u << n) - 1), p);
-  }
   static void Store(float* p, V v) { _mm512_storeu_ps(p, v); }
   static V Add(V a, V b) { return _mm512_add_ps(a, b); }
   static V Sub(V a, V b) { return _mm512_sub_ps(a, b); }
   static V Mul(V a, V b) { return _mm512_mul_ps(a, b); }
   static V Div(V a, V b) { return _mm512_div_ps(a, b); }
-  static V Min(V a, V b) { return _mm512_min_ps(a, b); }
-  static V Max(V a, V b) { return _mm512_max_ps(a, b); }
+  static V Min(V a, V b) { return _mm512_maskz_min_ps(0xffff, a, b); }  // zero-masked: see Corners
+  static V Max(V a, V b) { return _mm512_maskz_max_ps(0xffff, a, b); }
   static unsigned Lt(V a, V b) { return _mm512_cmp_ps_mask(a, b, _CMP_LT_OQ); }
   static unsigned Le(V a, V b) { return _mm512_cmp_ps_mask(a, b, _CMP_LE_OQ); }
   static unsigned Gt(V a, V b) { return _mm512_cmp_ps_mask(a, b, _CMP_GT_OQ); }
   static unsigned Ge(V a, V b) { return _mm512_cmp_ps_mask(a, b, _CMP_GE_OQ); }
   static unsigned Eq(V a, V b) { return _mm512_cmp_ps_mask(a, b, _CMP_EQ_OQ); }
-  static V Gather(const float* t, const std::uint8_t* i) {
-    // The zero-masked forms: the plain ones start from an undefined vector,
-    // which g++ 12 reports as maybe-uninitialized.
-    const __m512i idx = _mm512_maskz_cvtepu8_epi32(0xffff, _mm_loadu_si128(reinterpret_cast<const __m128i*>(i)));
-    return _mm512_maskz_permutexvar_ps(0xffff, idx, _mm512_loadu_ps(t));  // uses the low four bits
+  static void Shear(const float* v, int n, const PickRay& r, Table& t) {
+    const __mmask16 m = __mmask16((1u << n) - 1);
+    const V c = Sub(_mm512_maskz_loadu_ps(m, v + n * r.kz), Set1(r.o[r.kz]));
+    t.x = Sub(Sub(_mm512_maskz_loadu_ps(m, v + n * r.kx), Set1(r.o[r.kx])), Mul(Set1(r.sx), c));
+    t.y = Sub(Sub(_mm512_maskz_loadu_ps(m, v + n * r.ky), Set1(r.o[r.ky])), Mul(Set1(r.sy), c));
+    t.z = Mul(Set1(r.sz), c);
+  }
+  static Part X(const Table& t) { return t.x; }
+  static Part Y(const Table& t) { return t.y; }
+  static Part Z(const Table& t) { return t.z; }
+  // Sixteen nibbles from eight bytes, as sixteen lanes. The zero-masked
+  // forms: the plain ones start from an undefined vector, which g++ 12
+  // reports as maybe-uninitialized.
+  static I Corners(const std::uint8_t* c, int k, int) {
+    const __m128i b = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(c + 8 * k)), m = _mm_set1_epi8(15);
+    const __m128i n = _mm_unpacklo_epi8(_mm_and_si128(b, m), _mm_and_si128(_mm_srli_epi16(b, 4), m));
+    return _mm512_maskz_cvtepu8_epi32(0xffff, n);
+  }
+  static V Pick(Part p, I i) { return _mm512_maskz_permutexvar_ps(0xffff, i, p); }
+  static void Spill(const Table& t, float* buf, const float*& x, const float*& y, const float*& z) {
+    _mm512_storeu_ps(buf, t.x), _mm512_storeu_ps(buf + 16, t.y), _mm512_storeu_ps(buf + 32, t.z);
+    x = buf, y = buf + 16, z = buf + 32;
   }
 };
 #endif
@@ -179,57 +288,33 @@ inline bool TestTriangle(const PickRay& r, const float* p0, const float* p1, con
 
 // A candidate replaces the best when it is nearer, or equally near with a
 // lower primitive number; it never ties with the distance the caller preset.
-inline void Consider(const PickData& d, PickBest& b, const std::uint8_t* packet, int lane, float t) {
+inline void Consider(PickBest& b, const std::uint8_t* packet, int lane, float t) {
   if (!(t <= b.t)) return;
-  const auto& h = *reinterpret_cast<const PacketHeader*>(packet);
-  const std::uint32_t p = d.primitives[h.firstSlot + std::uint32_t(lane)];
-  if (t < b.t || (b.found && p < b.primitive)) {
-    b.t = t;
-    b.primitive = p;
-    b.found = true;
-    b.packet = packet;
-    b.lane = lane;
-  }
+  if (t == b.t && !(b.found && PacketPrimitives(packet)[lane] < PacketPrimitives(b.packet)[b.lane])) return;
+  b.t = t;
+  b.found = true;
+  b.packet = packet;
+  b.lane = lane;
 }
 
-// Shears a packet's vertices into the ray's frame (per vertex, so a vertex
-// shared by two triangles gets the same coordinates in both).
+// All triangles of a packet, L::W lanes at a time. The division waits until
+// some lane has its three edge functions of one sign: most packets a ray
+// reaches have none.
 template <class L>
-[[gnu::always_inline]] inline void Shear(const std::uint8_t* packet, const PickRay& r, float* tx, float* ty,
-                                         float* tz) {
+[[gnu::always_inline]] inline void TestPacket(const std::uint8_t* packet, const PickRay& r, PickBest& b) {
   using V = typename L::V;
-  const int n4 = 4 * reinterpret_cast<const PacketHeader*>(packet)->vertexQuads;
-  const float* v = PacketVertices(packet);
-  const float* px = v + n4 * r.kx;
-  const float* py = v + n4 * r.ky;
-  const float* pz = v + n4 * r.kz;
-  const V ox = L::Set1(r.o[r.kx]), oy = L::Set1(r.o[r.ky]), oz = L::Set1(r.o[r.kz]);
-  const V sx = L::Set1(r.sx), sy = L::Set1(r.sy), sz = L::Set1(r.sz);
-  for (int i = 0; i < n4; i += L::W) {
-    const V c = L::Sub(L::LoadN(pz + i, n4 - i), oz);
-    L::Store(tx + i, L::Sub(L::Sub(L::LoadN(px + i, n4 - i), ox), L::Mul(sx, c)));
-    L::Store(ty + i, L::Sub(L::Sub(L::LoadN(py + i, n4 - i), oy), L::Mul(sy, c)));
-    L::Store(tz + i, L::Mul(sz, c));
-  }
-}
-
-template <class L>
-[[gnu::always_inline]] inline void TestPacket(const PickData& d, const std::uint8_t* packet, const PickRay& r,
-                                              PickBest& b) {
-  using V = typename L::V;
-  // 32 entries: a 16-lane store may start at vertex 12.
-  alignas(64) float tx[32], ty[32], tz[32];
   KEL_PICK_COUNT(packets);
-  Shear<L>(packet, r, tx, ty, tz);
-  const std::uint8_t* i0 = PacketIndices(packet);
-  const std::uint8_t* i1 = i0 + 16;
-  const std::uint8_t* i2 = i0 + 32;
-  const int tris = reinterpret_cast<const PacketHeader*>(packet)->triangles;
+  const PacketHeader& h = Header(packet);
+  const int tris = h.triangles;
+  typename L::Table tab;
+  L::Shear(PacketVertices(packet), h.vertices, r, tab);
+  const std::uint8_t* corners = PacketCorners(packet);
   const V zero = L::Set1(0.0f);
   for (int base = 0; base < tris; base += L::W) {
-    const V ax = L::Gather(tx, i0 + base), ay = L::Gather(ty, i0 + base), az = L::Gather(tz, i0 + base);
-    const V bx = L::Gather(tx, i1 + base), by = L::Gather(ty, i1 + base), bz = L::Gather(tz, i1 + base);
-    const V cx = L::Gather(tx, i2 + base), cy = L::Gather(ty, i2 + base), cz = L::Gather(tz, i2 + base);
+    const auto ia = L::Corners(corners, 0, base), ib = L::Corners(corners, 1, base), ic = L::Corners(corners, 2, base);
+    const V ax = L::Pick(L::X(tab), ia), ay = L::Pick(L::Y(tab), ia);
+    const V bx = L::Pick(L::X(tab), ib), by = L::Pick(L::Y(tab), ib);
+    const V cx = L::Pick(L::X(tab), ic), cy = L::Pick(L::Y(tab), ic);
     const V u = L::Sub(L::Mul(cx, by), L::Mul(cy, bx));
     const V v = L::Sub(L::Mul(ax, cy), L::Mul(ay, cx));
     const V w = L::Sub(L::Mul(bx, ay), L::Mul(by, ax));
@@ -237,20 +322,31 @@ template <class L>
     const unsigned onEdge = (L::Eq(u, zero) | L::Eq(v, zero) | L::Eq(w, zero)) & active;
     const unsigned neg = L::Lt(u, zero) | L::Lt(v, zero) | L::Lt(w, zero);
     const unsigned pos = L::Gt(u, zero) | L::Gt(v, zero) | L::Gt(w, zero);
-    const V det = L::Add(L::Add(u, v), w);
-    const V t = L::Div(L::Add(L::Add(L::Mul(u, az), L::Mul(v, bz)), L::Mul(w, cz)), det);
-    unsigned hits = active & ~onEdge & ~(neg & pos) & ~L::Eq(det, zero) & L::Ge(t, zero) & L::Le(t, L::Set1(b.t));
-    if (!(hits | onEdge)) continue;
-    alignas(64) float ts[16];
-    L::Store(ts, t);
-    for (; hits; hits &= hits - 1) {
-      const int k = __builtin_ctz(hits);
-      Consider(d, b, packet, base + k, ts[k]);
+    const unsigned inside = active & ~onEdge & ~(neg & pos);
+    if (inside) {
+      const V az = L::Pick(L::Z(tab), ia), bz = L::Pick(L::Z(tab), ib), cz = L::Pick(L::Z(tab), ic);
+      const V det = L::Add(L::Add(u, v), w);
+      const V t = L::Div(L::Add(L::Add(L::Mul(u, az), L::Mul(v, bz)), L::Mul(w, cz)), det);
+      unsigned hits = inside & ~L::Eq(det, zero) & L::Ge(t, zero) & L::Le(t, L::Set1(b.t));
+      if (hits) {
+        alignas(64) float ts[16];
+        L::Store(ts, t);
+        for (; hits; hits &= hits - 1) {
+          const int k = __builtin_ctz(hits);
+          Consider(b, packet, base + k, ts[k]);
+        }
+      }
     }
-    for (unsigned e = onEdge; e; e &= e - 1) {
-      const int k = base + __builtin_ctz(e);
-      float out[5];
-      if (TestLane(tx, ty, tz, i0[k], i1[k], i2[k], out)) Consider(d, b, packet, k, out[4]);
+    if (onEdge) {
+      alignas(64) float buf[48];
+      const float *tx, *ty, *tz;
+      L::Spill(tab, buf, tx, ty, tz);
+      for (unsigned e = onEdge; e; e &= e - 1) {
+        const int k = base + __builtin_ctz(e);
+        float out[5];
+        if (TestLane(tx, ty, tz, Corner(corners, 0, k), Corner(corners, 1, k), Corner(corners, 2, k), out))
+          Consider(b, packet, k, out[4]);
+      }
     }
   }
 }
@@ -280,6 +376,22 @@ template <class N>
   return mask;
 }
 
+// Asks for the cache lines of a node or of a leaf's packets, so children
+// waiting on the stack load while the nearest one is walked.
+constexpr int kPacketLines = 5;  // a packet is at most 292 bytes
+
+inline void PrefetchLines(const void* at, int lines) {
+  const char* p = static_cast<const char*>(at);
+  for (int i = 0; i < lines; ++i) __builtin_prefetch(p + 64 * i);
+}
+
+inline void PrefetchChild(const PickData& d, std::uint32_t ref, std::uint32_t packets) {
+  if (ref & kLeafBit)
+    PrefetchLines(d.packets + 4 * std::size_t(ref & ~kLeafBit), int(packets < 2 ? packets : 2) * kPacketLines);
+  else
+    PrefetchLines(d.nodes + ref, int(sizeof(WideNode) / 64));
+}
+
 struct StackItem {
   std::uint32_t ref;
   std::uint32_t packets;
@@ -293,10 +405,10 @@ constexpr int kPickStack = 64 * (kWidth - 1) + kWidth;
 template <class T>
 [[gnu::always_inline]] inline void TestRun(const PickData& d, std::uint32_t first, std::uint32_t count,
                                            const PickRay& r, PickBest& b) {
-  const std::uint8_t* p = d.packets + 16 * std::size_t(first);
+  const std::uint8_t* p = d.packets + 4 * std::size_t(first);
   for (std::uint32_t k = 0; k < count; ++k) {
-    TestPacket<T>(d, p, r, b);
-    p += PacketBytes(reinterpret_cast<const PacketHeader*>(p)->vertexQuads);
+    TestPacket<T>(p, r, b);
+    p += PacketBytes(p);
   }
 }
 
@@ -323,7 +435,7 @@ void TreeWalk(const PickData& d, const PickRay& r, PickBest& b) {
       }
       KEL_PICK_COUNT(nodes);
       const WideNode& n = d.nodes[it.ref];
-      alignas(32) float tn[kWidth];
+      alignas(64) float tn[kWidth];
       unsigned m = TestNode<N>(n, r, Cutoff(b, r), tn);
       if (!m) break;
       int k = __builtin_ctz(m);
@@ -336,6 +448,7 @@ void TreeWalk(const PickData& d, const PickRay& r, PickBest& b) {
       for (;;) {
         // Insertion keeps the waiting children sorted, nearest on top.
         const StackItem item{n.child[k], n.packets[k], tn[k]};
+        PrefetchChild(d, item.ref, item.packets);
         int j = sp++;
         while (j > base && stack[j - 1].t < item.t) {
           stack[j] = stack[j - 1];
@@ -351,22 +464,35 @@ void TreeWalk(const PickData& d, const PickRay& r, PickBest& b) {
   }
 }
 
-// Rays straight down: the packets whose x/y box holds the origin, highest
-// top first, until the rest lie below the best hit.
+// Rays straight down: of the packets listed in the origin's cell, those
+// whose x/y box holds the origin, loaded together and tested highest top
+// first, until the rest lie below the best hit.
 template <class T>
 void ColumnWalk(const PickData& d, const PickRay& r, PickBest& b) {
   const Columns& c = d.columns;
   const float x = r.o[0], y = r.o[1], z = r.o[2];
   if (!(x >= c.x0 && x <= c.x1 && y >= c.y0 && y <= c.y1)) return;
-  const std::size_t cell = std::size_t(CellOf(y, c.y0, c.sy, c.ny)) * std::size_t(c.nx) + CellOf(x, c.x0, c.sx, c.nx);
+  const int fx = Fine(x, c.x0, c.sx, c.nx), fy = Fine(y, c.y0, c.sy, c.ny);
+  const std::size_t cell = std::size_t(fy / kFine) * std::size_t(c.nx) + std::size_t(fx / kFine);
+  const int qx = fx % kFine, qy = fy % kFine;
   const float perUnit = -1.0f / r.dir[2];
-  for (std::uint32_t e = c.start[cell], end = c.start[cell + 1]; e < end; ++e) {
-    const ColumnEntry& ce = c.entries[e];
-    KEL_PICK_COUNT(entries);
-    if ((z - ce.maxZ) * perUnit > Cutoff(b, r)) break;
-    const std::uint8_t* p = d.packets + 16 * std::size_t(ce.packet);
-    if (reinterpret_cast<const PacketHeader*>(p)->minZ > z) continue;  // wholly above the origin
-    TestPacket<T>(d, p, r, b);
+  const ColumnEntry* e = c.entries + c.start[cell];
+  const ColumnEntry* const end = c.entries + c.start[cell + 1];
+  while (e < end) {
+    const ColumnEntry* picked[16];
+    int n = 0;
+    for (; e < end && n < 16; ++e) {
+      KEL_PICK_COUNT(entries);
+      if (qx < e->x0 || qx > e->x1 || qy < e->y0 || qy > e->y1) continue;
+      picked[n++] = e;
+      PrefetchLines(d.packets + 4 * std::size_t(e->packet), kPacketLines);
+    }
+    for (int i = 0; i < n; ++i) {
+      if ((z - picked[i]->maxZ) * perUnit > Cutoff(b, r)) return;
+      const std::uint8_t* p = d.packets + 4 * std::size_t(picked[i]->packet);
+      if (Header(p).minZ > z) continue;  // wholly above the origin
+      TestPacket<T>(p, r, b);
+    }
   }
 }
 

@@ -3,9 +3,11 @@
 // Wide nodes hold up to eight children with their boxes side by side per
 // axis. A leaf is a run of packets; a packet is up to 16 triangles of
 // consecutive tree slots that share at most 16 distinct vertices, stored once
-// each (structure of arrays) with three byte indices per triangle. A terrain
-// packet of 16 triangles takes 256 bytes, 16 per triangle, against 36 for
-// three plain vertices, and is tested in one pass by the 16-lane kernel.
+// each (structure of arrays) with three 4-bit corner indices per triangle
+// and the triangles' primitive numbers, so a hit needs no other memory. A
+// terrain packet of 16 triangles over 15 vertices takes 280 bytes, 17.5 per
+// triangle (three plain vertices alone take 36), and is tested in one pass
+// by the 16-lane kernel.
 //
 // Nothing here is virtual or owning: the kernels see plain pointers.
 #pragma once
@@ -19,16 +21,16 @@
 
 namespace kel::fdo::detail {
 
-constexpr int kWidth = 8;         // children per wide node
+constexpr int kWidth = 16;        // children per wide node
 constexpr int kPacketTris = 16;   // triangles per packet
 constexpr int kPacketVerts = 16;  // distinct vertices per packet
 
-// Child references: a node number, or a leaf (its first packet, in 16-byte
+// Child references: a node number, or a leaf (its first packet, in 4-byte
 // units from the start of the packet block, with the count beside it).
 constexpr std::uint32_t kLeafBit = 0x80000000u;
 constexpr std::uint32_t kNoChild = 0xffffffffu;
 
-// 256 bytes. Unused slots hold an empty box (+inf .. -inf), which every ray
+// 512 bytes. Unused slots hold an empty box (+inf .. -inf), which every ray
 // misses, so kernels never look at the count of children.
 struct alignas(64) WideNode {
   float lo[3][kWidth];
@@ -36,58 +38,73 @@ struct alignas(64) WideNode {
   std::uint32_t child[kWidth];
   std::uint32_t packets[kWidth];  // leaf children: packets in the run
 };
-static_assert(sizeof(WideNode) == 256);
+static_assert(sizeof(WideNode) == 512);
 
-// Followed by x[n4], y[n4], z[n4] (n4 = 4 * vertexQuads, padded with copies
-// of the last vertex) and the byte indices i0[16], i1[16], i2[16] (padded
-// with 0, so a full-width load names a real vertex in every lane).
+// A packet: this header, the primitive numbers prim[triangles], the
+// vertices x[vertices], y[vertices], z[vertices], then 24 bytes of corner
+// indices: corner k of triangle j is the nibble j of bytes 8k .. 8k+7 (low
+// nibble first), unused nibbles 0 so every lane names a real vertex.
 struct PacketHeader {
-  std::uint32_t firstSlot;  // triangle k is the tree's slot firstSlot + k
-  std::uint8_t triangles;   // 1 .. 16
-  std::uint8_t vertexQuads;
+  std::uint8_t triangles;  // 1 .. 16
+  std::uint8_t vertices;   // 1 .. 16
   std::uint8_t spare[2];
   float minZ, maxZ;  // over the triangles with finite vertices
 };
-static_assert(sizeof(PacketHeader) == 16);
+static_assert(sizeof(PacketHeader) == 12);
 
-constexpr std::size_t PacketBytes(int vertexQuads) { return 16 + 48 * std::size_t(vertexQuads) + 48; }
+constexpr std::size_t PacketBytes(int triangles, int vertices) {
+  return 12 + 4 * std::size_t(triangles) + 12 * std::size_t(vertices) + 24;
+}
+inline const PacketHeader& Header(const std::uint8_t* p) { return *reinterpret_cast<const PacketHeader*>(p); }
+inline std::size_t PacketBytes(const std::uint8_t* p) { return PacketBytes(Header(p).triangles, Header(p).vertices); }
+inline const std::uint32_t* PacketPrimitives(const std::uint8_t* p) {
+  return reinterpret_cast<const std::uint32_t*>(p + 12);
+}
+inline const float* PacketVertices(const std::uint8_t* p) {
+  return reinterpret_cast<const float*>(p + 12 + 4 * std::size_t(Header(p).triangles));
+}
+inline const std::uint8_t* PacketCorners(const std::uint8_t* p) {
+  return p + 12 + 4 * std::size_t(Header(p).triangles) + 12 * std::size_t(Header(p).vertices);
+}
+inline int Corner(const std::uint8_t* corners, int k, int j) { return (corners[8 * k + j / 2] >> (4 * (j & 1))) & 15; }
 
-inline const float* PacketVertices(const std::uint8_t* p) { return reinterpret_cast<const float*>(p + 16); }
-inline const std::uint8_t* PacketIndices(const std::uint8_t* p) {
-  return p + 16 + 48 * std::size_t(reinterpret_cast<const PacketHeader*>(p)->vertexQuads);
+// The x/y grid for rays straight down. Coordinates map to fine units (256
+// per cell) by one monotonic float expression, for packet boxes when the
+// grid is built and for ray origins when it is walked; so a point inside a
+// packet's box always lands in a cell that lists the packet, inside the
+// entry's fine box.
+constexpr int kFine = 256;
+
+inline int Fine(float v, float v0, float s, int cells) {
+  const float f = (v - v0) * s;
+  if (!(f > 0.0f)) return 0;  // also NaN
+  if (!(f < float(cells * kFine))) return cells * kFine - 1;
+  return int(f);
 }
 
-// One entry of a column: a packet whose x/y box meets the cell, and that
-// packet's top, so a downward walk stops once the rest lies below its hit.
+// One entry of a column: a packet whose x/y box meets the cell, the part of
+// that box inside the cell in fine units, and the packet's top, so a
+// downward walk stops once the rest lies below its hit.
 struct ColumnEntry {
-  std::uint32_t packet;  // 16-byte units
+  std::uint32_t packet;  // 4-byte units
   float maxZ;
+  std::uint8_t x0, x1, y0, y1;
 };
+static_assert(sizeof(ColumnEntry) == 12);
 
-// The x/y grid for rays straight down. A coordinate maps to its cell by a
-// monotonic function, so a packet registered over [cell(min), cell(max)]
-// is found from every point of its box.
 struct Columns {
-  float x0 = 0, y0 = 0, x1 = -1, y1 = -1;  // empty unless x0 <= x1
-  float sx = 0, sy = 0;                    // cells per unit
+  float x0 = 0, y0 = 0, x1 = -1, y1 = -1;  // every packet box lies inside
+  float sx = 0, sy = 0;                    // fine units per coordinate unit
   int nx = 0, ny = 0;
   const std::uint32_t* start = nullptr;  // nx * ny + 1 offsets into entries
   const ColumnEntry* entries = nullptr;
 };
-
-inline int CellOf(float v, float v0, float s, int n) {
-  const float f = (v - v0) * s;
-  if (!(f > 0.0f)) return 0;  // also NaN
-  if (!(f < float(n - 1))) return n - 1;
-  return int(f);
-}
 
 struct PickData {
   const WideNode* nodes = nullptr;
   std::uint32_t root = kNoChild;  // a node, a leaf reference, or kNoChild when empty
   std::uint32_t rootPackets = 0;  // packets when the root is a leaf
   const std::uint8_t* packets = nullptr;
-  const std::uint32_t* primitives = nullptr;  // slot -> primitive
   float maxAbs = 0;                           // largest finite coordinate magnitude
   Columns columns;
 };
@@ -133,8 +150,8 @@ inline bool PrepareRay(const ray& in, float maxAbs, PickRay& r) {
     // test never meets 0 x inf (Embree does the same below 1e-18).
     r.inv[a] = std::fabs(r.dir[a]) >= 1e-18f ? 1.0f / r.dir[a] : std::copysign(1e18f, r.dir[a]);
     const bool back = r.inv[a] < 0.0f;
-    r.near[a] = (back ? 24 : 0) + 8 * a;
-    r.far[a] = (back ? 0 : 24) + 8 * a;
+    r.near[a] = (back ? 3 * kWidth : 0) + kWidth * a;
+    r.far[a] = (back ? 0 : 3 * kWidth) + kWidth * a;
     m = std::max(m, std::fabs(r.o[a]));
   }
   r.slack = m * 0x1p-18f;
@@ -146,7 +163,6 @@ inline bool PrepareRay(const ray& in, float maxAbs, PickRay& r) {
 // nearer than the distance the caller preset.
 struct PickBest {
   float t;
-  std::uint32_t primitive;
   bool found;
   const std::uint8_t* packet;
   int lane;
