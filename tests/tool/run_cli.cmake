@@ -1,5 +1,6 @@
 # Runs kel with ARGS; passes when the exit code is EXPECT_RC and, for usage
-# errors, stderr is exactly one line.
+# errors, stderr is exactly one line. STDERR_MATCH, when set, is a regex that
+# stderr must match. No run may let log4cplus complain about missing appenders.
 set(args ${ARGS})  # arrives as a CMake list
 execute_process(COMMAND ${KEL} ${args} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
 if(NOT rc STREQUAL EXPECT_RC)
@@ -11,5 +12,14 @@ if(EXPECT_RC EQUAL 2)
   if(NOT n EQUAL 1 OR NOT err MATCHES "^kel: ")
     message(FATAL_ERROR "kel ${ARGS}: expected one 'kel: ...' line on stderr, got: ${err}")
   endif()
+endif()
+if(DEFINED STDOUT_MATCH AND NOT out MATCHES "${STDOUT_MATCH}")
+  message(FATAL_ERROR "kel ${ARGS}: stdout does not match '${STDOUT_MATCH}': ${out}")
+endif()
+if(DEFINED STDERR_MATCH AND NOT err MATCHES "${STDERR_MATCH}")
+  message(FATAL_ERROR "kel ${ARGS}: stderr does not match '${STDERR_MATCH}': ${err}")
+endif()
+if(err MATCHES "appenders")
+  message(FATAL_ERROR "kel ${ARGS}: log4cplus was not configured: ${err}")
 endif()
 message(STATUS "${out}")

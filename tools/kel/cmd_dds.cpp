@@ -2,12 +2,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <string>
 
 #include <kel/kel.h>
 
-#include "cli.h"
 #include "commands.h"
+#include "options.h"
 
 namespace {
 
@@ -73,10 +74,7 @@ void PrintHeader(const std::string& path) {
   field("dwCaps2", 27);
 }
 
-int RunInfo(const cli::Args& args) {
-  args.expectPositional(1, 1, "kel dds info FILE");
-  args.rejectUnknown({});
-  const std::string path = args.at(0);
+int RunInfo(const std::string& path) {
   const std::wstring wpath = kel::Utf8String2WString(path);
   std::ifstream probe(path, std::ios::binary | std::ios::ate);
   if (!probe) throw kel::wexception(L"cannot open " + wpath);
@@ -107,15 +105,16 @@ int RunInfo(const cli::Args& args) {
   return 0;
 }
 
-const std::vector<cli::Command> kCommands = {
-    {"info", "size, format, mip levels, header fields and alpha hint of a DDS file",
-     "usage: kel dds info FILE\n\n"
-     "Prints the file size, the pixel format the library recognises, the raw header\n"
-     "words, the image size and mip levels, and whether alpha is opaque, a mask or\n"
-     "blended. Unsupported formats and truncated files exit with code 1.\n",
-     {}, &RunInfo},
-};
-
 }  // namespace
 
-int RunDdsCommand(const std::vector<std::string>& words) { return cli::RunGroup("dds", kCommands, words); }
+void AddDdsCommands(CLI::App& app) {
+  CLI::App* group = tool::AddGroup(app, "dds", "DDS texture files: header, format, alpha");
+  auto file = std::make_shared<std::string>();
+  CLI::App* cmd = tool::AddCommand(
+      *group, "info", "size, format, mip levels, header fields and alpha hint of a DDS file",
+      "Prints the file size, the pixel format the library recognises, the raw header\n"
+      "words, the image size and mip levels, and whether alpha is opaque, a mask or\n"
+      "blended. Unsupported formats and truncated files exit with code 1.",
+      [file] { return RunInfo(*file); });
+  cmd->add_option("FILE", *file, "DDS file")->required();
+}

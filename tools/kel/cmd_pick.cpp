@@ -4,37 +4,20 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <kel/kel.h>
 
-#include "cli.h"
 #include "commands.h"
+#include "options.h"
 #include "png_writer.h"
-#include "progress_bar.h"
+#include "progress_view.h"
 
 namespace {
-
-const char* const kPickHelp =
-    "usage: kel pick TILE X Y\n"
-    "       kel pick TILE --ray OX,OY,OZ,DX,DY,DZ\n"
-    "       kel pick TILE --heightmap OUT.png [--size N]\n\n"
-    "Reads an SFF tile file (plain or compressed) into a triangle tree and shoots rays at it.\n"
-    "  X Y          height under the point: a ray straight down from above the tile's box;\n"
-    "               prints the height, the distance and the triangle hit (with u, v)\n"
-    "  --ray        any ray; prints the distance t (in units of the direction's length),\n"
-    "               the hit point and the triangle\n"
-    "  --heightmap  an N x N grid of vertical rays over the tile's box (default N = 512),\n"
-    "               written as a shaded grey PNG seen from above, north up; pixels without\n"
-    "               a hit are transparent\n"
-    "Exit code 1 when the tile cannot be read or holds no triangles.\n";
-
-const char* const kBvhInfoHelp =
-    "usage: kel bvh info TILE\n\n"
-    "Reads an SFF tile file and prints its tree: triangle count, node count, depth,\n"
-    "leaf size histogram, root box and the time to read the file and build the tree.\n";
 
 struct LoadedTile {
   std::unique_ptr<kel::SFF2BVH> tile;
@@ -82,17 +65,18 @@ int WriteHeightmap(const kel::SFF2BVH& tile, const std::string& path, long long 
   std::vector<float> heights(std::size_t(n) * n, NAN);
   const double w = double(root.maxX) - root.minX, h = double(root.maxY) - root.minY;
   const double top = double(root.maxZ) + 1.0 + std::fabs(root.maxZ) * 1e-3;
-  cli::ProgressBar bar("heightmap", n);
-  for (std::uint32_t j = 0; j < n; ++j) {
-    for (std::uint32_t i = 0; i < n; ++i) {
-      const double x = root.minX + (i + 0.5) / n * w, y = root.maxY - (j + 0.5) / n * h;
-      const auto r = MakeRay(x, y, top, 0, 0, -1);
-      const PickResult p = Shoot(tile, r);
-      if (p.hit) heights[std::size_t(j) * n + i] = r.origin[2] - p.t;
+  {
+    tool::Task task(L"heightmap " + kel::Utf8String2WString(std::filesystem::path(path).filename().string()), n);
+    for (std::uint32_t j = 0; j < n; ++j) {
+      for (std::uint32_t i = 0; i < n; ++i) {
+        const double x = root.minX + (i + 0.5) / n * w, y = root.maxY - (j + 0.5) / n * h;
+        const auto r = MakeRay(x, y, top, 0, 0, -1);
+        const PickResult p = Shoot(tile, r);
+        if (p.hit) heights[std::size_t(j) * n + i] = r.origin[2] - p.t;
+      }
+      task.step(j + 1);
     }
-    bar.update(j + 1);
   }
-  bar.finish();
 
   float lo = FLT_MAX, hi = -FLT_MAX;
   for (float z : heights)
@@ -127,39 +111,30 @@ int WriteHeightmap(const kel::SFF2BVH& tile, const std::string& path, long long 
   return 0;
 }
 
-int RunPick(const std::vector<std::string>& words) {
-  const cli::Args args(words, {});
-  if (args.helpRequested()) {
-    std::fputs(kPickHelp, stdout);
-    return 0;
-  }
-  args.rejectUnknown({"ray", "heightmap", "size"});
-  const auto ray = args.option("ray");
-  const auto heightmap = args.option("heightmap");
-  if (ray && heightmap) throw cli::UsageError("--ray and --heightmap exclude each other");
-  if (args.option("size") && !heightmap) throw cli::UsageError("--size goes with --heightmap");
-  if (ray || heightmap)
-    args.expectPositional(1, 1, "kel pick TILE (--ray OX,OY,OZ,DX,DY,DZ | --heightmap OUT.png [--size N])");
-  else
-    args.expectPositional(3, 3, "kel pick TILE X Y");
+struct PickArgs {
+  std::string tile;
+  std::vector<double> xy;
+  std::vector<double> ray;
+  std::string heightmap;
+  std::int64_t size = 512;
+  bool sizeGiven = false;
+};
 
-  std::vector<double> r;
-  if (ray) {
-    r = cli::ParseDoubles(*ray, 6, "--ray");
-    if (r[3] == 0 && r[4] == 0 && r[5] == 0) throw cli::UsageError("--ray needs a non-zero direction");
-  }
-  long long size = 512;
-  if (auto s = args.option("size")) size = cli::ParseInt(*s, "--size");
-  if (size < 1 || size > 16384) throw cli::UsageError("--size must be between 1 and 16384");
-  double x = 0, y = 0;
-  if (!ray && !heightmap) {
-    x = cli::ParseDouble(args.at(1), "X");
-    y = cli::ParseDouble(args.at(2), "Y");
-  }
+int RunPick(const PickArgs& a) {
+  const bool ray = !a.ray.empty(), heightmap = !a.heightmap.empty();
+  if (ray && heightmap) throw tool::UsageError("--ray and --heightmap exclude each other");
+  if (a.sizeGiven && !heightmap) throw tool::UsageError("--size goes with --heightmap");
+  if ((ray || heightmap) && !a.xy.empty()) throw tool::UsageError("X Y go without --ray and --heightmap");
+  if (!ray && !heightmap && a.xy.size() != 2) throw tool::UsageError("need X and Y; see 'kel pick --help'");
+  if (ray && a.ray[3] == 0 && a.ray[4] == 0 && a.ray[5] == 0)
+    throw tool::UsageError("--ray needs a non-zero direction");
+  const std::vector<double>& r = a.ray;
+  const double x = ray || heightmap ? 0.0 : a.xy[0], y = ray || heightmap ? 0.0 : a.xy[1];
+  const long long size = a.size;
 
-  const LoadedTile loaded = LoadTile(args.at(0));
+  const LoadedTile loaded = LoadTile(a.tile);
   const kel::SFF2BVH& tile = *loaded.tile;
-  if (heightmap) return WriteHeightmap(tile, *heightmap, size);
+  if (heightmap) return WriteHeightmap(tile, a.heightmap, size);
 
   const kel::fdo::node& root = tile.getBVH()->getNodes()[0];
   const kel::fdo::ray shot = ray ? MakeRay(r[0], r[1], r[2], r[3], r[4], r[5])
@@ -179,10 +154,8 @@ int RunPick(const std::vector<std::string>& words) {
   return 0;
 }
 
-int RunInfo(const cli::Args& args) {
-  args.expectPositional(1, 1, "kel bvh info TILE");
-  args.rejectUnknown({});
-  const LoadedTile loaded = LoadTile(args.at(0));
+int RunInfo(const std::string& path) {
+  const LoadedTile loaded = LoadTile(path);
   const kel::fdo::bvh& tree = *loaded.tile->getBVH();
   const kel::fdo::node* nodes = tree.getNodes();
   std::map<int, long long> leafSizes;
@@ -212,19 +185,50 @@ int RunInfo(const cli::Args& args) {
   return 0;
 }
 
-const std::vector<cli::Command> kBvhCommands = {
-    {"info", "triangle, node and depth statistics of a tile's tree", kBvhInfoHelp, {}, &RunInfo},
-};
+double ParseCoordinate(const std::string& word, const char* name) {
+  try {
+    return tool::ParseDouble(word, name);
+  } catch (const tool::UsageError& e) {
+    throw CLI::ValidationError(e.what());
+  }
+}
 
 }  // namespace
 
-int RunPickCommand(const std::vector<std::string>& words) {
-  kel::Log::initialize(nullptr);  // the loader's warnings about bad tiles go to the console
-  if (words.empty()) throw cli::UsageError("missing TILE; try 'kel pick --help'");
-  return RunPick(words);
-}
+void AddPickCommands(CLI::App& app) {
+  auto a = std::make_shared<PickArgs>();
+  CLI::App* cmd = tool::AddCommand(
+      app, "pick", "heights and ray hits on a tile file (kel pick TILE X Y)",
+      "Reads an SFF tile file (plain or compressed) into a triangle tree and shoots rays at it:\n"
+      "  kel pick TILE X Y    height under the point: a ray straight down from above the\n"
+      "                       tile's box; prints the height, the distance and the triangle\n"
+      "                       hit (with u, v)\n"
+      "  kel pick TILE --ray OX,OY,OZ,DX,DY,DZ\n"
+      "                       any ray; prints the distance t (in units of the direction's\n"
+      "                       length), the hit point and the triangle\n"
+      "  kel pick TILE --heightmap OUT.png [--size N]\n"
+      "                       an N x N grid of vertical rays over the tile's box, written as\n"
+      "                       a shaded grey PNG seen from above, north up; pixels without a\n"
+      "                       hit are transparent\n"
+      "Exit code 1 when the tile cannot be read or holds no triangles.",
+      [a] { return RunPick(*a); });
+  cmd->add_option("TILE", a->tile, "SFF tile file")->required();
+  // X and Y are optional because --ray and --heightmap go without them.
+  for (const char* name : {"X", "Y"})
+    cmd->add_option_function<std::string>(
+           name, [a, name](const std::string& w) { a->xy.push_back(ParseCoordinate(w, name)); },
+           std::string(name) + " of the point to pick under")
+        ->type_name("NUMBER");
+  tool::AddNumbers(*cmd, "--ray", a->ray, 6, "a ray OX,OY,OZ,DX,DY,DZ")->type_name("OX,OY,OZ,DX,DY,DZ");
+  cmd->add_option("--heightmap", a->heightmap, "PNG file for a heightmap of the tile")->type_name("OUT.png");
+  tool::AddInt(*cmd, "--size", a->size, 1, 16384, "heightmap edge in pixels (default 512)")
+      ->each([a](const std::string&) { a->sizeGiven = true; });
 
-int RunBvhCommand(const std::vector<std::string>& words) {
-  kel::Log::initialize(nullptr);
-  return cli::RunGroup("bvh", kBvhCommands, words);
+  CLI::App* group = tool::AddGroup(app, "bvh", "the triangle tree of a tile file");
+  auto tile = std::make_shared<std::string>();
+  cmd = tool::AddCommand(*group, "info", "triangle, node and depth statistics of a tile's tree",
+                         "Reads an SFF tile file and prints its tree: triangle count, node count, depth,\n"
+                         "leaf size histogram, root box and the time to read the file and build the tree.",
+                         [tile] { return RunInfo(*tile); });
+  cmd->add_option("TILE", *tile, "SFF tile file")->required();
 }

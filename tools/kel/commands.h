@@ -1,14 +1,17 @@
-// The command groups of the kel tool; each lives in its own cmd_<group>.cpp.
+// The command groups of the kel tool. Each group lives in its own
+// cmd_<group>.cpp and registers its subcommands on the tool's CLI11 app
+// through one function here; main.cpp lists them in the order --help shows.
 #pragma once
 
-#include <string>
-#include <vector>
+namespace CLI {
+class App;
+}
 
-int RunTileCommand(const std::vector<std::string>& words);
-int RunSffCommand(const std::vector<std::string>& words);
-int RunCacheCommand(const std::vector<std::string>& words);
-int RunPickCommand(const std::vector<std::string>& words);
-int RunBvhCommand(const std::vector<std::string>& words);
-int RunDdsCommand(const std::vector<std::string>& words);
-int RunTextureCommand(const std::vector<std::string>& words);
-int RunDemoCommand(const std::vector<std::string>& words);
+void AddTileCommands(CLI::App& app);
+void AddSffCommands(CLI::App& app);
+void AddCacheCommands(CLI::App& app);
+void AddPickCommands(CLI::App& app);  // "pick" and "bvh"
+void AddDdsCommands(CLI::App& app);
+void AddTextureCommands(CLI::App& app);
+void AddDemoCommands(CLI::App& app);
+void AddBagCommands(CLI::App& app);
