@@ -39,6 +39,7 @@
 #include "kel/sff/sff_zlib_stream.h"
 #include "kel/spatial/bvh.h"
 #include "kel/spatial/paged_record_file.h"
+#include "kel/spatial/pick_index.h"
 #include "kel/spatial/sff2bvh.h"
 #include "kel/spatial/spatial_index_2d.h"
 #include "kel/srs/srs_coord_sys.h"
