@@ -1,6 +1,7 @@
-# Runs kel with ARGS (and INPUT, when set, as stdin); passes when the exit
-# code is EXPECT_RC and, for usage errors, stderr is exactly one line. STDERR_MATCH, when set, is a regex that
-# stderr must match. No run may let log4cplus complain about missing appenders.
+# Runs kel with ARGS (and the file INPUT, when set, as stdin); passes when the
+# exit code is EXPECT_RC and, for usage errors, stderr is exactly one line.
+# STDOUT_MATCH and STDERR_MATCH, when set, are regexes the outputs must match.
+# No run may let log4cplus complain about missing appenders.
 set(args ${ARGS})  # arrives as a CMake list
 set(input "")
 if(DEFINED INPUT)
