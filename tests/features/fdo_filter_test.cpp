@@ -130,6 +130,9 @@ TEST(FdoFilterText, RefusesBadTextWithThePosition) {
     EXPECT_EQ(error.offset, c.offset) << c.text;
     EXPECT_EQ(error.message, c.message) << c.text;
   }
+  // A caller that takes the error gets no log line; one that does not, does.
+  EXPECT_TRUE(log.events().empty());
+  EXPECT_EQ(FdoFilterUtil::Parse(L"FeatId IN (1, 2"), nullptr);
   EXPECT_TRUE(log.contains("Filter does not parse at offset 15: expected ',' or ')' in the IN list"));
 }
 

@@ -14,3 +14,4 @@ void AddPickCommands(CLI::App& app);  // "pick" and "bvh"
 void AddDdsCommands(CLI::App& app);
 void AddTextureCommands(CLI::App& app);
 void AddDemoCommands(CLI::App& app);
+void AddFeatureCommands(CLI::App& app);

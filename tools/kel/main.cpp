@@ -35,6 +35,7 @@ std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
   AddPickCommands(*app);
   AddDdsCommands(*app);
   AddTextureCommands(*app);
+  AddFeatureCommands(*app);
   AddDemoCommands(*app);
   return app;
 }

@@ -324,8 +324,9 @@ public:
   // touches the box (edges count). Null for an empty or non-finite box.
   static FdoFilterPtr CreateFdoSpatialExtentFilter(const std::wstring& geometryProperty, const BBox<2, double>& box);
 
-  // Reads the text form. On failure returns null, logs "Filter does not
-  // parse at offset N: ..." and, when `error` is given, fills it. Trees
+  // Reads the text form. On failure returns null and fills `error`, or,
+  // when the caller gives none, logs "Filter does not parse at offset N:
+  // ..." instead. Trees
   // taller than MaxDepth (a chain of 100 ORs is that tall) and brackets
   // nested deeper than twice that are refused, so hostile text cannot
   // exhaust the stack of the reader or of later walks over the tree.
