@@ -14,4 +14,5 @@ void AddPickCommands(CLI::App& app);  // "pick" and "bvh"
 void AddDdsCommands(CLI::App& app);
 void AddTextureCommands(CLI::App& app);
 void AddDemoCommands(CLI::App& app);
+void AddBagCommands(CLI::App& app);
 void AddFeatureCommands(CLI::App& app);

@@ -2,7 +2,12 @@
 // tile into one triangle soup, builds a bvh over it and hands out the tree
 // with a matching triangle intersector (two-sided; a hit writes t, u, v).
 //
-// Meshes are "C" nodes carrying one vertex array and at most one index array.
+// Meshes are "C" nodes carrying one vertex array (tag 34 / type 16, written
+// by sff_writer::writePositions) and at most one index array, which is the
+// integer record tag 41 / type 19 (sff_writer::writeIntegers). A block of
+// 4-byte elements (tag 43 / type 23, sff_writer::writeArray4) is not an index
+// array and is ignored: a mesh that carries its indices that way reads as
+// having none (`kel sff dump --summary` lists such meshes).
 // A mesh without an index array is read as a triangle list whose indices
 // start at 0 of the whole soup, not of the mesh: in every mesh after the
 // first such triangles reuse the soup's first vertices. Vertices are used as
