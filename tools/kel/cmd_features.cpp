@@ -165,8 +165,16 @@ int RunRead(const ReadArgs& a) {
   std::int64_t n = 0;
   while ((a.limit < 0 || n < a.limit) && reader->ReadNext()) {
     std::printf("%lld", static_cast<long long>(reader->feature().id));
-    for (const auto& [key, value] : reader->attributes())
+    const kel::PropertyBag attributes = reader->attributes();
+    std::vector<const wchar_t*> keys;
+    kel::EnumerateIntoPushBackContainer<std::vector<const wchar_t*>> sink(keys);
+    attributes.GetKeys(sink);
+    for (const wchar_t* key : keys) {
+      std::wstring value;
+      attributes.GetValue(key, value);
       std::printf("\t%s=%s", WString2Utf8String(key).c_str(), WString2Utf8String(value).c_str());
+    }
+    if (const auto& g = reader->feature().geometry) std::printf("\t%s", WString2Utf8String(g->ToWKT()).c_str());
     std::printf("\n");
     ++n;
   }
@@ -263,8 +271,8 @@ void AddFeatureCommands(CLI::App& app) {
   auto read = std::make_shared<ReadArgs>();
   CLI::App* readCmd = tool::AddCommand(
       *group, "read", "print the features of a class that match a filter",
-      "Prints one line per feature: its id, then name=value for each attribute that\n"
-      "is not null, separated by tabs; the count goes to stderr. --filter takes the\n"
+      "Prints one line per feature: its id, name=value for each attribute that is\n"
+      "not null, then the geometry as WKT, separated by tabs; the count goes to stderr. --filter takes the\n"
       "filter text, e.g. \"(height > 10) AND (Geometry INTERSECTS GeomFromText('...'))\";\n"
       "--box and --ids are joined to it with AND.",
       [read] { return RunRead(*read); });

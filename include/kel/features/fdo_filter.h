@@ -27,6 +27,7 @@
 
 namespace kel {
 
+class GeometryBuffer;
 class FdoExpression;
 class FdoFilter;
 class FdoExpressionVisitor;
@@ -323,6 +324,10 @@ public:
   // geometryProperty ENVELOPEINTERSECTS the box: features whose bounding box
   // touches the box (edges count). Null for an empty or non-finite box.
   static FdoFilterPtr CreateFdoSpatialExtentFilter(const std::wstring& geometryProperty, const BBox<2, double>& box);
+  // geometryProperty <operation> the geometry, kept as its WKT. Null (and a
+  // logged error) when the geometry has no WKT (empty, or refused by GEOS).
+  static FdoFilterPtr CreateFdoSpatialGeometryFilter(const std::wstring& geometryProperty,
+                                                     const GeometryBuffer& geometry, FdoSpatialOperation operation);
 
   // Reads the text form. On failure returns null and fills `error`, or,
   // when the caller gives none, logs "Filter does not parse at offset N:
