@@ -17,3 +17,4 @@ void AddSrsCommands(CLI::App& app);
 void AddDemoCommands(CLI::App& app);
 void AddBagCommands(CLI::App& app);
 void AddGeomCommands(CLI::App& app);
+void AddFeatureCommands(CLI::App& app);
