@@ -13,6 +13,7 @@
 #include "kel/features/fdo_filter_parser.h"
 #include "kel/features/feature_class.h"
 #include "kel/features/feature_source.h"
+#include "kel/features/geopackage_writer.h"
 #include "kel/features/odbc_configuration.h"
 #include "kel/geometry/byte_sink.h"
 #include "kel/geometry/geometry_buffer.h"

@@ -239,6 +239,14 @@ bool FeatureSource::DescribeClass(const std::wstring& className, FeatureClassDef
   return true;
 }
 
+std::int64_t FeatureSource::GetFeatureCount(const std::wstring& className) const {
+  GdalErrors errors;
+  OGRLayer* layer = impl_->dataset->GetLayerByName(WString2Utf8String(className).c_str());
+  if (!layer) return -1;
+  const GIntBig n = layer->GetFeatureCount(FALSE);
+  return n < 0 ? -1 : static_cast<std::int64_t>(n);
+}
+
 FeatureReaderPtr FeatureSource::Select(const std::wstring& className, const FdoFilterPtr& filter) const {
   GdalErrors errors;
   // A connection per reader: filters and read positions are layer state in

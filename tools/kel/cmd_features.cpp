@@ -2,6 +2,7 @@
 // PostGIS, ODBC through a schema file) and write ODBC store configurations.
 #include <cctype>
 #include <cstdint>
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -11,6 +12,7 @@
 
 #include "commands.h"
 #include "options.h"
+#include "progress_view.h"
 
 namespace {
 
@@ -101,7 +103,7 @@ int RunList(const std::string& source) {
 }
 
 struct ReadArgs {
-  std::string source, className, filter, ids;
+  std::string source, className, filter, ids, to;
   std::vector<double> box;
   std::int64_t limit = -1;
 };
@@ -125,6 +127,26 @@ private:
   std::vector<std::int64_t> ids_;
   std::size_t at_ = 0;
 };
+
+// Writes the matching features to a new GeoPackage, with a progress bar
+// over the class's size (an upper bound when a filter drops some).
+int Export(const kel::FeatureSource& source, kel::FeatureReader& reader, const ReadArgs& a) {
+  const kel::FeatureClassDefinition& def = reader.definition();
+  auto writer = kel::GeoPackageWriter::Create(Utf8String2WString(a.to));
+  if (!writer || !writer->AddClass(def)) throw kel::wexception(L"cannot write " + Utf8String2WString(a.to));
+  std::int64_t n = 0;
+  {
+    tool::Task task(L"export " + def.name, std::max<std::int64_t>(source.GetFeatureCount(def.name), 0));
+    while ((a.limit < 0 || n < a.limit) && reader.ReadNext()) {
+      if (!writer->Write(def.name, reader.feature())) throw kel::wexception(L"export stopped; nothing was written");
+      if (++n % 1024 == 0) task.step(n);
+    }
+    task.step(n);
+  }
+  if (!writer->Commit()) throw kel::wexception(L"cannot write " + Utf8String2WString(a.to));
+  std::printf("%lld feature%s written to %s\n", static_cast<long long>(n), n == 1 ? "" : "s", a.to.c_str());
+  return 0;
+}
 
 int RunRead(const ReadArgs& a) {
   kel::FdoFilterPtr filter;
@@ -162,6 +184,7 @@ int RunRead(const ReadArgs& a) {
   }
   auto reader = s->Select(def.name, filter);
   if (!reader) throw kel::wexception(L"cannot read class '" + def.name + L"'");
+  if (!a.to.empty()) return Export(*s, *reader, a);
   std::int64_t n = 0;
   while ((a.limit < 0 || n < a.limit) && reader->ReadNext()) {
     std::printf("%lld", static_cast<long long>(reader->feature().id));
@@ -274,14 +297,16 @@ void AddFeatureCommands(CLI::App& app) {
       "Prints one line per feature: its id, name=value for each attribute that is\n"
       "not null, then the geometry as WKT, separated by tabs; the count goes to stderr. --filter takes the\n"
       "filter text, e.g. \"(height > 10) AND (Geometry INTERSECTS GeomFromText('...'))\";\n"
-      "--box and --ids are joined to it with AND.",
+      "--box and --ids are joined to it with AND. With --to the features go to a new\n"
+      "GeoPackage instead (the file appears only once complete).",
       [read] { return RunRead(*read); });
   readCmd->add_option("SOURCE", read->source, "the store")->required();
   readCmd->add_option("CLASS", read->className, "the feature class")->required();
   readCmd->add_option("--filter", read->filter, "filter text");
   tool::AddNumbers(*readCmd, "--box", read->box, 4, "X0,Y0,X1,Y1: features whose box meets this box");
   readCmd->add_option("--ids", read->ids, "1,2,3: features with these ids");
-  tool::AddInt(*readCmd, "--limit", read->limit, 0, INT64_MAX, "print at most this many");
+  tool::AddInt(*readCmd, "--limit", read->limit, 0, INT64_MAX, "print (or write) at most this many");
+  readCmd->add_option("--to", read->to, "OUT.gpkg: write the features to a new GeoPackage instead of printing them");
 
   auto odbc = std::make_shared<OdbcArgs>();
   CLI::App* odbcCmd = tool::AddCommand(

@@ -82,6 +82,10 @@ public:
   std::vector<FeatureClassDefinition> GetClasses() const;
   // False when the store has no class of that name.
   bool DescribeClass(const std::wstring& className, FeatureClassDefinition& out) const;
+  // How many features the class has, when the store knows without reading
+  // them all (GeoPackage, PostGIS, Shapefile); -1 otherwise or for an
+  // unknown class.
+  std::int64_t GetFeatureCount(const std::wstring& className) const;
   // The features of the class that match `filter` (null: every feature), in
   // the store's order. Null for an unknown class, a filter that names
   // properties the class does not have, or a store that refuses the query.

@@ -1,8 +1,5 @@
 #include "features/detail/ogr_geometry.h"
 
-#define GEOS_USE_ONLY_R_API
-#include <geos_c.h>
-
 namespace kel::features_detail {
 
 namespace {
@@ -80,12 +77,78 @@ bool ToGeometryBuffer(const OGRGeometry& in, GeometryBuffer& out) {
   return true;
 }
 
-std::unique_ptr<OGRGeometry> ToOgrGeometry(const GeometryBuffer& in) {
-  GeosContextPtr context = MakeGeosContext();
-  if (!context) return nullptr;
-  GeosGeometryPtr geos = in.toGeosGeometry(context);
-  if (!geos) return nullptr;
-  return std::unique_ptr<OGRGeometry>(OGRGeometryFactory::createFromGEOS(context.get(), geos.get()));
+namespace {
+
+template <typename Curve>
+std::unique_ptr<Curve> Contour(const LineBuffer& in, int c, bool z) {
+  auto curve = std::make_unique<Curve>();
+  const int first = in.contourStart(c), n = in.contourSize(c);
+  curve->setNumPoints(n, FALSE);
+  for (int i = 0; i < n; ++i) {
+    if (z) curve->setPoint(i, in.x(first + i), in.y(first + i), in.z(first + i));
+    else curve->setPoint(i, in.x(first + i), in.y(first + i));
+  }
+  return curve;
+}
+
+// Geometry g of the buffer as one OGR geometry of its element type.
+std::unique_ptr<OGRGeometry> Element(const LineBuffer& in, int g, int type, bool z) {
+  const int first = in.geometryFirstContour(g), n = in.geometryContourCount(g);
+  switch (type) {
+    case FdoGeometryType_Point: {
+      std::unique_ptr<OGRGeometryCollection> points = std::make_unique<OGRMultiPoint>();
+      for (int c = first; c < first + n; ++c)
+        for (int i = in.contourStart(c); i <= in.contourEnd(c); ++i)
+          points->addGeometryDirectly(z ? new OGRPoint(in.x(i), in.y(i), in.z(i)) : new OGRPoint(in.x(i), in.y(i)));
+      if (points->getNumGeometries() == 1) return std::unique_ptr<OGRGeometry>(points->getGeometryRef(0)->clone());
+      return points;
+    }
+    case FdoGeometryType_LineString: {
+      if (n == 1) return Contour<OGRLineString>(in, first, z);
+      auto lines = std::make_unique<OGRMultiLineString>();
+      for (int c = first; c < first + n; ++c) lines->addGeometryDirectly(Contour<OGRLineString>(in, c, z).release());
+      return lines;
+    }
+    case FdoGeometryType_Polygon: {
+      auto polygon = std::make_unique<OGRPolygon>();
+      for (int c = first; c < first + n; ++c) polygon->addRingDirectly(Contour<OGRLinearRing>(in, c, z).release());
+      polygon->closeRings();
+      return polygon;
+    }
+    default: return nullptr;
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<OGRGeometry> ToOgrGeometry(const LineBuffer& in) {
+  if (in.empty() || in.geometryCount() == 0) return nullptr;
+  const bool z = in.hasZ();
+  const int type = in.geometryType();
+  const int count = in.geometryCount();
+  const bool multi = type == FdoGeometryType_MultiPoint || type == FdoGeometryType_MultiLineString ||
+                     type == FdoGeometryType_MultiPolygon || type == FdoGeometryType_MultiGeometry;
+  if (!multi && count == 1) return Element(in, 0, in.geometryElementType(0), z);
+  std::unique_ptr<OGRGeometryCollection> out;
+  switch (type == FdoGeometryType_MultiGeometry ? FdoGeometryType_MultiGeometry
+                                                 : SingleGeometryType(LinearGeometryType(type))) {
+    case FdoGeometryType_Point: out = std::make_unique<OGRMultiPoint>(); break;
+    case FdoGeometryType_LineString: out = std::make_unique<OGRMultiLineString>(); break;
+    case FdoGeometryType_Polygon: out = std::make_unique<OGRMultiPolygon>(); break;
+    default: out = std::make_unique<OGRGeometryCollection>(); break;
+  }
+  for (int g = 0; g < count; ++g) {
+    std::unique_ptr<OGRGeometry> part = Element(in, g, in.geometryElementType(g), z);
+    if (!part) continue;
+    // Multi-points and multi-lines of one geometry spread into the whole.
+    if (auto* nested = dynamic_cast<OGRGeometryCollection*>(part.get());
+        nested && wkbFlatten(out->getGeometryType()) != wkbGeometryCollection) {
+      for (int i = 0; i < nested->getNumGeometries(); ++i) out->addGeometry(nested->getGeometryRef(i));
+      continue;
+    }
+    if (out->addGeometryDirectly(part.get()) == OGRERR_NONE) part.release();
+  }
+  return out;
 }
 
 }  // namespace kel::features_detail

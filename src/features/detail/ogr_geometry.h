@@ -16,8 +16,10 @@ namespace kel::features_detail {
 // buffer) for a geometry kind with no buffer form.
 bool ToGeometryBuffer(const OGRGeometry& in, GeometryBuffer& out);
 
-// The buffer as an OGR geometry (through GEOS, which sorts polygon rings into
-// shells and holes); null when GEOS refuses it.
-std::unique_ptr<OGRGeometry> ToOgrGeometry(const GeometryBuffer& in);
+// The buffer as an OGR geometry, contour for contour (a polygon's first
+// contour is its exterior ring, as readers draw them; open rings are
+// closed). One geometry of a single type stays single, several become the
+// multi type. Null for an empty buffer.
+std::unique_ptr<OGRGeometry> ToOgrGeometry(const LineBuffer& in);
 
 }  // namespace kel::features_detail
