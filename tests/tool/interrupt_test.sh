@@ -23,12 +23,15 @@ start() {
   ) &
   watchdog=$!
 }
-# Waits (up to 20 s) until kel catches SIGINT, so a signal sent under load
-# never meets the default action before main has installed its handler.
+# Waits (up to 20 s) until kel blocks or catches SIGINT (it takes Ctrl-C on a
+# thread of its own), so a signal sent under load never meets the default
+# action before main is ready for it.
 wait_for_handler() {
+  local blk cgt
   for _ in $(seq 200); do
-    mask=$(awk '/^SigCgt:/ {print $2}' "/proc/$pid/status" 2>/dev/null)
-    [ -n "$mask" ] && [ $(( 0x$mask & 2 )) -ne 0 ] && return 0
+    blk=$(sed -n 's/^SigBlk:[[:space:]]*//p' "/proc/$pid/status" 2>/dev/null)
+    cgt=$(sed -n 's/^SigCgt:[[:space:]]*//p' "/proc/$pid/status" 2>/dev/null)
+    [ -n "$blk" ] && [ $(( (0x$blk | 0x$cgt) & 2 )) -ne 0 ] && return 0
     sleep 0.1
   done
   fail "kel never installed its SIGINT handler"
