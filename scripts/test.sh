@@ -27,6 +27,19 @@ step "tests under sanitizers"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir "$out/asan" -j "$jobs" --output-on-failure
 
+step "ThreadSanitizer: the progress tree and coordinate-system caches"
+# Only the tests with threads of their own; no OpenMP there (TSan cannot see
+# libgomp's synchronisation). The srs tests join once they exist.
+cmake -S . -B "$out/tsan" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEL_SANITIZE=thread \
+  -DKEL_BUILD_TOOLS=OFF >/dev/null
+tsan_targets=()
+for t in kel_runtime_tests kel_srs_tests; do
+  cmake --build "$out/tsan" --target help | grep -q "^$t:" && tsan_targets+=("$t")
+done
+cmake --build "$out/tsan" -j "$jobs" --target "${tsan_targets[@]}"
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  ctest --test-dir "$out/tsan" -j "$jobs" --output-on-failure -L '^(runtime|srs)$'
+
 step "scalar build (KEL_NO_SIMD)"
 cmake -S . -B "$out/scalar" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKEL_NO_SIMD=ON -DKEL_BUILD_TOOLS=OFF >/dev/null
 cmake --build "$out/scalar" -j "$jobs"

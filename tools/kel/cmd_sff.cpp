@@ -11,16 +11,17 @@
 
 #include "commands.h"
 #include "options.h"
-#include "progress_bar.h"
+#include "progress_view.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-// Counts the bytes pulled from a source and moves a progress bar with them.
+// Counts the bytes pulled from a source and moves the task's progress with
+// them; a read after Ctrl-C throws tool::Interrupted.
 class ProgressSource : public kel::sff_input_stream {
 public:
-  ProgressSource(kel::sff_input_stream& inner, cli::ProgressBar& bar) : inner_(inner), bar_(bar) {}
+  ProgressSource(kel::sff_input_stream& inner, tool::Task& task) : inner_(inner), task_(task) {}
   void reset() override {
     inner_.reset();
     done_ = 0;
@@ -28,13 +29,13 @@ public:
   std::size_t read(void* buffer, std::size_t size) override {
     const std::size_t n = inner_.read(buffer, size);
     done_ += n;
-    bar_.update(done_);
+    task_.step(static_cast<std::int64_t>(done_));
     return n;
   }
 
 private:
   kel::sff_input_stream& inner_;
-  cli::ProgressBar& bar_;
+  tool::Task& task_;
   std::uint64_t done_ = 0;
 };
 
@@ -216,16 +217,16 @@ int Convert(const SffArgs& a, bool compress) {
     throw tool::UsageError("IN and OUT must be different files");
   kel::sff_file_is file(inPath.c_str());
   // OUT is replaced only once every record is written and the file closed:
-  // a failure, a full disk or a kill leaves what was there.
+  // a failure, a full disk, Ctrl-C or a kill leaves what was there.
   kel::sff_file_os out(outPath.c_str());
-  cli::ProgressBar bar(compress ? "pack" : "unpack", FileSize(inPath));
-  ProgressSource in(file, bar);
+  tool::Task task(kel::Utf8String2WString((compress ? "pack " : "unpack ") + fs::path(inPath).filename().string()),
+                  static_cast<std::int64_t>(FileSize(inPath)));
+  ProgressSource in(file, task);
   kel::sff_writer writer(out, compress, static_cast<int>(a.level));
   kel::sff_copy_callback copy(writer);
   kel::sff_reader().read(in, copy);
   writer.finish();
   out.commit();
-  bar.finish();
   const std::uint64_t records = copy.records();
   std::printf("%s -> %s: %llu records, %llu -> %llu bytes\n", inPath.c_str(), outPath.c_str(),
               static_cast<unsigned long long>(records), static_cast<unsigned long long>(FileSize(inPath)),
@@ -256,8 +257,8 @@ void AddSffCommands(CLI::App& app) {
   cmd->add_option("OUT", a->out, "compressed SFF file to write")->required();
   tool::AddInt(*cmd, "--level", a->level, -1, 9, "zlib level 0-9, or -1 for zlib's default (6)");
 
-  cmd = tool::AddCommand(*group, "unpack", "decompress an SFF file (SFF0)", "Copies every record of IN into a plain OUT.",
-                         [a] { return Convert(*a, false); });
+  cmd = tool::AddCommand(*group, "unpack", "decompress an SFF file (SFF0)",
+                         "Copies every record of IN into a plain OUT.", [a] { return Convert(*a, false); });
   cmd->add_option("IN", a->in, "SFF file to read")->required();
   cmd->add_option("OUT", a->out, "plain SFF file to write")->required();
 }
