@@ -37,6 +37,7 @@ std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
   AddDdsCommands(*app);
   AddTextureCommands(*app);
   AddBagCommands(*app);
+  AddSettingsCommands(*app);
   AddDemoCommands(*app);
   return app;
 }
