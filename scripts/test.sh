@@ -57,7 +57,7 @@ if ls fuzz/*_fuzz.cpp >/dev/null 2>&1; then
     seeds=()
     [ -d "fuzz/corpus/$name" ] && seeds=("fuzz/corpus/$name")
     echo "fuzz: $name"
-    "$out/fuzz/fuzz/$name" -max_total_time="$fuzz_seconds" -print_final_stats=1 "$corpus" "${seeds[@]}" \
+    "$out/fuzz/fuzz/$name" -max_total_time="$fuzz_seconds" -malloc_limit_mb=512 -print_final_stats=1 "$corpus" "${seeds[@]}" \
       2>"$out/fuzz/$name.log" || { tail -50 "$out/fuzz/$name.log"; exit 1; }
     grep -E 'stat::number_of_executed_units' "$out/fuzz/$name.log" || true
   done

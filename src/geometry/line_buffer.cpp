@@ -123,6 +123,22 @@ void LineBuffer::rollBack(const Mark& m) {
   ignoreZ_ = m.ignoreZ;
 }
 
+void LineBuffer::LineToMany(const double* xyz, int n) {
+  if (n <= 0) return;
+  if (contours_.empty() || geometries_.back().firstContour == contourCount()) {
+    MoveTo(xyz[0], xyz[1], xyz[2]);
+    xyz += 3;
+    --n;
+  }
+  xyz_.insert(xyz_.end(), xyz, xyz + 3 * std::size_t(n));
+  contours_.back().count += n;
+  for (int i = 0; i < n; ++i, xyz += 3)
+    for (std::size_t a = 0; a < 3; ++a) {
+      bounds_.min[a] = std::min(bounds_.min[a], xyz[a]);
+      bounds_.max[a] = std::max(bounds_.max[a], xyz[a]);
+    }
+}
+
 void LineBuffer::Close() {
   if (contours_.empty() || geometries_.back().firstContour == contourCount()) return;
   const Contour& c = contours_.back();
@@ -357,20 +373,25 @@ private:
 std::size_t PositionBytes(int dim) { return 8 * std::size_t(2 + (dim & 1) + ((dim >> 1) & 1)); }
 
 // Circle through a, m, b from a to b via m, as line segments of at most 5
-// degrees; nearly straight arcs become two segments through m.
+// degrees. Nearly straight arcs, and arcs whose circle does not fit in
+// doubles, become two segments through m.
 void FlattenArc(LineBuffer& out, const P3& a, const P3& m, const P3& b) {
+  auto straight = [&] {
+    out.LineTo(m.x, m.y, m.z);
+    out.LineTo(b.x, b.y, b.z);
+  };
   const double ax = a.x - m.x, ay = a.y - m.y, bx = b.x - m.x, by = b.y - m.y;
   const double d = 2.0 * (ax * by - ay * bx);
   const double scale = std::max({std::abs(ax), std::abs(ay), std::abs(bx), std::abs(by)});
-  if (!(std::abs(d) > 1e-12 * scale * scale)) {
-    out.LineTo(m.x, m.y, m.z);
-    out.LineTo(b.x, b.y, b.z);
-    return;
-  }
+  if (!(std::abs(d) > 1e-12 * scale * scale)) return straight();
   // Centre relative to m.
   const double a2 = ax * ax + ay * ay, b2 = bx * bx + by * by;
   const double cx = (by * a2 - ay * b2) / d, cy = (ax * b2 - bx * a2) / d;
   const double r = std::hypot(ax - cx, ay - cy);
+  const double cxAbs = m.x + cx, cyAbs = m.y + cy;
+  if (!std::isfinite(r) || !std::isfinite(cxAbs + r) || !std::isfinite(cyAbs + r) ||
+      !std::isfinite(std::abs(cxAbs) + r) || !std::isfinite(std::abs(cyAbs) + r))
+    return straight();
   const double angA = std::atan2(ay - cy, ax - cx);
   const double angM = std::atan2(-cy, -cx);
   const double angB = std::atan2(by - cy, bx - cx);
@@ -378,25 +399,21 @@ void FlattenArc(LineBuffer& out, const P3& a, const P3& m, const P3& b) {
   const bool ccw = ((m.x - a.x) * (b.y - a.y) - (m.y - a.y) * (b.x - a.x)) > 0;
   constexpr double kTwoPi = 2.0 * std::numbers::pi;
   auto sweepTo = [&](double to) {
-    double s = to - angA;
-    if (ccw) {
-      while (s < 0) s += kTwoPi;
-    } else {
-      while (s > 0) s -= kTwoPi;
-    }
+    double s = to - angA;  // within (-2 pi, 2 pi)
+    if (ccw && s < 0) s += kTwoPi;
+    if (!ccw && s > 0) s -= kTwoPi;
     return s;
   };
   const double sweep = sweepTo(angB);
   const double sweepM = sweepTo(angM);
   const int steps = std::max(2, int(std::ceil(std::abs(sweep) / (std::numbers::pi / 36.0))));
   const double tm = sweep != 0 ? sweepM / sweep : 0.5;
-  const double cxAbs = m.x + cx, cyAbs = m.y + cy;
   for (int k = 1; k < steps; ++k) {
     const double t = double(k) / steps;
     const double ang = angA + sweep * t;
     const double z = t <= tm ? a.z + (m.z - a.z) * (tm > 0 ? t / tm : 1.0)
                              : m.z + (b.z - m.z) * ((t - tm) / (1.0 - tm));
-    out.LineTo(cxAbs + r * std::cos(ang), cyAbs + r * std::sin(ang), z);
+    out.LineTo(cxAbs + r * std::cos(ang), cyAbs + r * std::sin(ang), std::isfinite(z) ? z : m.z);
   }
   out.LineTo(b.x, b.y, b.z);
 }

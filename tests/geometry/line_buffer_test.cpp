@@ -279,6 +279,12 @@ TEST(LineBuffer, FgfCurvesAreFlattenedOntoTheirCircle) {
   EXPECT_EQ(b.pointCount(), 1 + 36 + 2);
   EXPECT_NEAR(test::AbsArea(b), 0.5 * std::acos(-1.0) * 25, 0.5);
   EXPECT_EQ(b.point(b.pointCount() - 1), Vec3d(10, 0, 0));
+
+  // A circle too large for doubles: two straight pieces through the middle.
+  Blob huge;
+  huge.i(FdoGeometryType_CurveString).i(0).d(0).d(0).i(1).i(130).d(1e300).d(1e300).d(-1e300).d(1e300);
+  ASSERT_TRUE(b.LoadFromAgf(huge.b.data(), huge.b.size()));
+  EXPECT_EQ(test::Points(b), (std::vector<Vec3d>{Vec3d(0, 0, 0), Vec3d(1e300, 1e300, 0), Vec3d(-1e300, 1e300, 0)}));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include <kel/kel.h>
 
@@ -82,6 +83,19 @@ public:
                                                       static_cast<unsigned long long>(t.count),
                                                       static_cast<unsigned long long>(t.bytes));
     std::printf("max depth %d\n", maxDepth_);
+    // Picking reads a mesh's indices from the integer record only; a mesh
+    // without one becomes a plain triangle list of its vertices.
+    std::printf("meshes ('C' nodes with positions): %llu, without an index array (integers, tag 41 / type 19): %zu\n",
+                static_cast<unsigned long long>(meshes_), unindexed_.size());
+    std::size_t withArray4 = 0;
+    for (const auto& m : unindexed_) withArray4 += m.array4;
+    if (withArray4)
+      std::printf("  %zu of them carry a block of 4-byte elements (array4, tag 43 / type 23), which is not an index array\n",
+                  withArray4);
+    for (std::size_t i = 0; i < unindexed_.size() && i < 20; ++i)
+      std::printf("  C id %llu: %llu vertices%s\n", static_cast<unsigned long long>(unindexed_[i].id),
+                  static_cast<unsigned long long>(unindexed_[i].vertices), unindexed_[i].array4 ? ", array4" : "");
+    if (unindexed_.size() > 20) std::printf("  ... and %zu more\n", unindexed_.size() - 20);
   }
 
   void unknownRecord(std::uint32_t tag, std::uint32_t type, const void*, std::size_t n) override {
@@ -90,7 +104,10 @@ public:
   void beginAt(std::uint64_t id) override { open(64, id); }
   void beginA(std::uint64_t id) override { open(65, id); }
   void beginB(std::uint64_t id) override { open(66, id); }
-  void beginC(std::uint64_t id) override { open(67, id); }
+  void beginC(std::uint64_t id) override {
+    open(67, id);
+    open_.push_back({id, 0, false, false});
+  }
   void beginD(std::uint64_t id) override { open(68, id); }
   void beginF(std::uint64_t id) override { open(70, id); }
   void beginE(std::uint64_t id) override { open(69, id); }
@@ -99,16 +116,31 @@ public:
   void end(std::uint32_t type, std::uint64_t) override {
     --depth_;
     count("node " + NodeName(type) + " end", 0);
+    if (type == 67 && !open_.empty()) {
+      const Mesh m = open_.back();
+      open_.pop_back();
+      if (m.vertices) ++meshes_;
+      if (m.vertices && !m.indexed) unindexed_.push_back(m);
+    }
   }
   void reference(std::uint64_t id) override { line("reference", 0, std::to_string(id)); }
-  void positions(const void*, std::size_t n) override { array("positions", n, 12); }
+  void positions(const void*, std::size_t n) override {
+    array("positions", n, 12);
+    if (!open_.empty()) open_.back().vertices += n;
+  }
   void array24(const void*, std::size_t n) override { array("array24", n, 24); }
   void normals(const void*, std::size_t n) override { array("normals", n, 12); }
   void array8(const void*, std::size_t n, std::uint32_t extra) override {
     line("array8", n * 8, std::to_string(n) + " x 8 bytes, extra " + std::to_string(extra));
   }
-  void indices(const void*, std::size_t n) override { array("indices", n, 4); }
-  void integers(const std::uint64_t*, std::size_t n) override { line("integers", n * 8, std::to_string(n) + " values"); }
+  void array4(const void*, std::size_t n) override {
+    array("array4", n, 4);
+    if (!open_.empty()) open_.back().array4 = true;
+  }
+  void integers(const std::uint64_t*, std::size_t n) override {
+    line("integers", n * 8, std::to_string(n) + " values");
+    if (!open_.empty()) open_.back().indexed = true;
+  }
   void string34(const char* t, std::size_t n) override { line("string34", n, Quote(t, n)); }
   void string32(const char* t, std::size_t n) override { line("string32", n, Quote(t, n)); }
   void block21(const void*, std::size_t n) override { line("block21", n, std::to_string(n) + " bytes"); }
@@ -154,10 +186,18 @@ private:
     if (++depth_ > maxDepth_) maxDepth_ = depth_;
   }
 
+  struct Mesh {
+    std::uint64_t id, vertices;
+    bool indexed, array4;
+  };
+
   bool summary_;
   int depth_ = 0;
   int maxDepth_ = 0;
   std::map<std::string, Total> totals_;
+  std::vector<Mesh> open_;       // 'C' nodes being read, innermost last
+  std::vector<Mesh> unindexed_;  // meshes with vertices and no integer record
+  std::uint64_t meshes_ = 0;
 };
 
 struct SffArgs {
@@ -191,21 +231,18 @@ int Convert(const SffArgs& a, bool compress) {
   if (fs::equivalent(fs::path(inPath), fs::path(outPath), ec))
     throw tool::UsageError("IN and OUT must be different files");
   kel::sff_file_is file(inPath.c_str());
-  std::uint64_t records = 0;
-  try {
-    kel::sff_file_os out(outPath.c_str());
-    tool::Task task(kel::Utf8String2WString((compress ? "pack " : "unpack ") + fs::path(inPath).filename().string()),
-                    static_cast<std::int64_t>(FileSize(inPath)));
-    ProgressSource in(file, &task);
-    kel::sff_writer writer(out, compress, static_cast<int>(a.level));
-    kel::sff_copy_callback copy(writer);
-    kel::sff_reader().read(in, copy);
-    writer.finish();
-    records = copy.records();
-  } catch (...) {
-    fs::remove(fs::path(outPath), ec);  // no half-written output
-    throw;
-  }
+  // OUT is replaced only once every record is written and the file closed:
+  // a failure, a full disk, Ctrl-C or a kill leaves what was there.
+  kel::sff_file_os out(outPath.c_str());
+  tool::Task task(kel::Utf8String2WString((compress ? "pack " : "unpack ") + fs::path(inPath).filename().string()),
+                  static_cast<std::int64_t>(FileSize(inPath)));
+  ProgressSource in(file, &task);
+  kel::sff_writer writer(out, compress, static_cast<int>(a.level));
+  kel::sff_copy_callback copy(writer);
+  kel::sff_reader().read(in, copy);
+  writer.finish();
+  out.commit();
+  const std::uint64_t records = copy.records();
   std::printf("%s -> %s: %llu records, %llu -> %llu bytes\n", inPath.c_str(), outPath.c_str(),
               static_cast<unsigned long long>(records), static_cast<unsigned long long>(FileSize(inPath)),
               static_cast<unsigned long long>(FileSize(outPath)));

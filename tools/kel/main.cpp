@@ -1,5 +1,6 @@
 // kel: the command-line face of the kel library.
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <memory>
@@ -22,7 +23,7 @@ struct Globals {
 };
 
 std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
-  auto app = std::make_unique<CLI::App>("kel: tiles, SFF scene files, textures and picking from the command line",
+  auto app = std::make_unique<CLI::App>("kel: tiles, SFF scene files, textures, picking and coordinate systems from the command line",
                                         "kel");
   app->require_subcommand(1);
   // Global flags may also follow the command words ("kel sff pack A B --verbose").
@@ -36,9 +37,12 @@ std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
   AddPickCommands(*app);
   AddDdsCommands(*app);
   AddTextureCommands(*app);
+  AddSrsCommands(*app);
   AddBagCommands(*app);
   AddSettingsCommands(*app);
+  AddFeatureCommands(*app);
   AddDemoCommands(*app);
+  AddGeomCommands(*app);
   return app;
 }
 
@@ -92,6 +96,9 @@ int RunKel(const std::vector<std::string>& args) {
 
 int main(int argc, char** argv) {
   tool::ProgressView view;  // first: it blocks Ctrl-C for every thread started later
+  // A file size limit (ulimit -f) then fails the write with EFBIG, which the
+  // library reports and cleans up after, instead of killing the process.
+  std::signal(SIGXFSZ, SIG_IGN);
   tool::ConfigureLogging();
   std::vector<std::string> args(argv + 1, argv + argc);
   if (!args.empty() && args[0] == "help") args[0] = "--help";

@@ -1,0 +1,238 @@
+#include "kel/spatial/spatial_index_2d.h"
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstdlib>
+#include <numeric>
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "spatial/temp_dir.h"
+
+namespace kel {
+namespace {
+
+struct Box {
+  double minX, minY, maxX, maxY;
+};
+
+// The leaves a point query must report: float boxes relative to the origin,
+// min edges exclusive, max edges inclusive.
+std::vector<std::uint32_t> Containing(const std::vector<Box>& boxes, const std::vector<bool>& used, double ox,
+                                      double oy, double x, double y) {
+  std::vector<std::uint32_t> out;
+  const float qx = float(x - ox), qy = float(y - oy);
+  for (std::uint32_t i = 0; i < boxes.size(); ++i) {
+    if (!used[i]) continue;
+    const Box& b = boxes[i];
+    if (float(b.minX - ox) < qx && float(b.minY - oy) < qy && qx <= float(b.maxX - ox) && qy <= float(b.maxY - oy))
+      out.push_back(i);
+  }
+  return out;
+}
+
+bool Collect(std::uint32_t leaf, void* context) {
+  static_cast<std::vector<std::uint32_t>*>(context)->push_back(leaf);
+  return true;
+}
+
+std::vector<std::uint32_t> AtPoint(const SpatialIndex2D& index, double x, double y) {
+  std::vector<std::uint32_t> out;
+  SpatialIndex2D::PointQuery(x, y, index).forEachAtPoint(Collect, &out);
+  return out;
+}
+
+std::vector<std::pair<std::int64_t, std::int64_t>> Runs(const SpatialIndex2D& index, const Box& q) {
+  std::vector<std::pair<std::int64_t, std::int64_t>> out;
+  SpatialIndex2D::RangeCursor cursor(index, q.minX, q.minY, q.maxX, q.maxY);
+  std::int64_t s, e;
+  while (cursor.next(s, e)) out.push_back({s, e});
+  EXPECT_EQ(s, -1);
+  EXPECT_EQ(e, -1);
+  return out;
+}
+
+TEST(SpatialIndex2D, QueriesMatchABruteForceModelOnRandomBoxes) {
+  std::mt19937 rng(21);
+  std::uniform_real_distribution<double> u(0, 1000), size(0, 30);
+  const std::uint32_t n = 3000;
+  std::vector<Box> boxes(n);
+  std::vector<bool> used(n, false);
+  for (Box& b : boxes) {
+    b.minX = 5e6 + u(rng), b.minY = -2e6 + u(rng);  // far from 0: the origin matters
+    b.maxX = b.minX + size(rng), b.maxY = b.minY + size(rng);
+  }
+  // Out of order, with every seventh leaf left out as a gap.
+  std::vector<std::uint32_t> order(n);
+  std::iota(order.begin(), order.end(), 0u);
+  std::shuffle(order.begin(), order.end(), rng);
+  SpatialIndex2D index;
+  for (std::uint32_t i : order)
+    if (i % 7 != 3) {
+      index.insert(i, boxes[i].minX, boxes[i].minY, boxes[i].maxX, boxes[i].maxY);
+      used[i] = true;
+    }
+  const std::uint32_t first = *std::find_if(order.begin(), order.end(), [](std::uint32_t i) { return i % 7 != 3; });
+  const double ox = boxes[first].minX, oy = boxes[first].minY;
+
+  for (int k = 0; k < 300; ++k) {
+    // Random points, and points exactly on box corners (min corners must miss).
+    const Box& b = boxes[std::size_t(rng() % n)];
+    const double pts[3][2] = {{5e6 + u(rng), -2e6 + u(rng)}, {b.minX, b.minY}, {b.maxX, b.maxY}};
+    for (const auto& p : pts) ASSERT_EQ(AtPoint(index, p[0], p[1]), Containing(boxes, used, ox, oy, p[0], p[1]));
+  }
+
+  for (int k = 0; k < 100; ++k) {
+    const double x = 5e6 + u(rng), y = -2e6 + u(rng);
+    const Box q{x, y, x + size(rng) * 5, y + size(rng) * 5};
+    const auto runs = Runs(index, q);
+    std::vector<bool> covered(n, false);
+    for (std::size_t r = 0; r < runs.size(); ++r) {
+      ASSERT_LT(runs[r].first, runs[r].second);
+      if (r > 0) {
+        ASSERT_LT(runs[r - 1].second, runs[r].first) << "runs are maximal and ascending";
+      }
+      for (std::int64_t i = runs[r].first; i < runs[r].second; ++i) covered[std::size_t(i)] = true;
+    }
+    for (std::uint32_t i = 0; i < n; ++i) {
+      if (!used[i]) continue;
+      const Box& b = boxes[i];
+      const bool meets = !(float(b.maxX - ox) < float(q.minX - ox) || float(b.maxY - oy) < float(q.minY - oy) ||
+                           float(q.maxX - ox) < float(b.minX - ox) || float(q.maxY - oy) < float(b.minY - oy));
+      ASSERT_EQ(covered[i], meets) << "leaf " << i;
+    }
+  }
+  double all[4];
+  index.bounds(all);
+  EXPECT_EQ(Runs(index, {all[0], all[1], all[2], all[3]}),
+            (std::vector<std::pair<std::int64_t, std::int64_t>>{{0, index.count(0)}}));
+}
+
+TEST(SpatialIndex2D, CrossingTestIsEvenOddOverTheEdges) {
+  // A star with a hole, as edges x0, y0, x1, y1 per leaf.
+  std::mt19937 rng(4);
+  std::vector<double> edges;
+  auto ring = [&](int n, double cx, double r) {
+    std::uniform_real_distribution<double> jitter(-0.1, 0.1);
+    std::vector<std::pair<double, double>> p;
+    for (int i = 0; i < n; ++i) {
+      const double a = 2 * M_PI * i / n, rad = r * (1 + 0.3 * std::sin(5 * a) + jitter(rng));
+      p.push_back({cx + rad * std::cos(a), rad * std::sin(a)});
+    }
+    for (int i = 0; i < n; ++i) {
+      const auto& a = p[std::size_t(i)];
+      const auto& b = p[std::size_t((i + 1) % n)];
+      edges.insert(edges.end(), {a.first, a.second, b.first, b.second});
+    }
+  };
+  ring(700, 0, 100);
+  ring(90, 20, 15);
+  SpatialIndex2D index;
+  const std::uint32_t count = std::uint32_t(edges.size() / 4);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const double* e = &edges[4 * i];
+    index.insert(i, std::min(e[0], e[2]), std::min(e[1], e[3]), std::max(e[0], e[2]), std::max(e[1], e[3]));
+  }
+  auto brute = [&](double x, double y) {
+    bool inside = false;
+    for (std::uint32_t i = 0; i < count; ++i) {
+      const double* e = &edges[4 * i];
+      if ((e[1] > y) != (e[3] > y) && x < e[0] + (e[2] - e[0]) * (y - e[1]) / (e[3] - e[1])) inside = !inside;
+    }
+    return inside;
+  };
+  std::uniform_real_distribution<double> u(-150, 150);
+  int in = 0;
+  for (int k = 0; k < 3000; ++k) {
+    const double x = u(rng), y = u(rng);
+    ASSERT_EQ(index.pointInPolygon(x, y, edges.data()), brute(x, y)) << x << " " << y;
+    in += brute(x, y);
+  }
+  EXPECT_GT(in, 300);
+  // Through a vertex: the shared end counts once.
+  EXPECT_EQ(index.pointInPolygon(-150, edges[1], edges.data()), brute(-150, edges[1]));
+
+  SpatialIndex2D empty;
+  double b[4];
+  empty.bounds(b);
+  EXPECT_EQ(b[0], DBL_MAX);
+  EXPECT_EQ(b[3], -DBL_MAX);
+  EXPECT_FALSE(empty.pointInPolygon(0, 0, edges.data()));
+  EXPECT_TRUE(AtPoint(empty, 0, 0).empty());
+}
+
+TEST(SpatialIndex2D, ALateRootTwoLevelsUpKeepsEarlierLeaves) {
+  SpatialIndex2D index;
+  for (int i = 0; i < 8; ++i) index.insert(std::uint64_t(i), i, 0, i + 1, 1);
+  ASSERT_EQ(index.topLevel(), 1);
+  index.insert(4096, 100, 100, 101, 101);  // new root at level 5
+  EXPECT_EQ(index.topLevel(), 5);
+  EXPECT_EQ(AtPoint(index, 3.5, 0.5), std::vector<std::uint32_t>{3});
+  EXPECT_EQ(AtPoint(index, 100.5, 100.5), std::vector<std::uint32_t>{4096});
+  double b[4];
+  index.bounds(b);
+  EXPECT_EQ(b[0], 0);
+  EXPECT_EQ(b[2], 101);
+  // An edge among the early leaves still counts in the crossing test.
+  std::vector<double> edges(4 * 4097, 0.0);
+  const double e3[4] = {3.5, 0, 3.5, 1};
+  std::copy(e3, e3 + 4, edges.begin() + 12);
+  EXPECT_TRUE(index.pointInPolygon(0, 0.5, edges.data()));
+
+  // The same from an empty index: a large first leaf, then the small ones.
+  SpatialIndex2D late;
+  late.insert(4096, 100, 100, 101, 101);
+  for (int i = 0; i < 8; ++i) late.insert(std::uint64_t(i), i, 0, i + 1, 1);
+  EXPECT_EQ(AtPoint(late, 3.5, 0.5), std::vector<std::uint32_t>{3});
+}
+
+TEST(SpatialIndex2D, SpillsLevelsToUnlinkedFilesAndCleansUp) {
+  test::TempDir dir;
+  const std::wstring prefix = dir.wpath() + L"/edges";
+  {
+    SpatialIndex2D index(prefix.c_str());
+    for (std::uint32_t i = 0; i < 1000; ++i) index.insert(i, i, i, i + 1.0, i + 1.0);
+    index.insert(1048576, -5, -5, -4, -4);
+    ASSERT_TRUE(index.onFile(0));
+    EXPECT_FALSE(index.onFile(1));
+    EXPECT_EQ(index.fileBase(), prefix + L".si.");
+    EXPECT_TRUE(test::HoldsOpen(dir.path() + "/edges.si.0 (deleted)"));
+    EXPECT_TRUE(dir.entries().empty()) << "nothing under a name, even while the index lives";
+    EXPECT_EQ(index.count(0), 1048577u);
+    EXPECT_EQ(AtPoint(index, 500.5, 500.5), std::vector<std::uint32_t>{500}) << "earlier leaves readable";
+    EXPECT_EQ(AtPoint(index, -4.5, -4.5), std::vector<std::uint32_t>{1048576});
+    EXPECT_TRUE(AtPoint(index, 2000.5, 2000.5).empty()) << "the gap never matches";
+    index.reopenFiles();
+    EXPECT_EQ(AtPoint(index, 999.5, 999.5), std::vector<std::uint32_t>{999});
+    EXPECT_EQ(index.fileBytes(), 1048577u * 16);
+
+    // clear() drops the files but keeps (and empties) the small arrays.
+    index.clear();
+    EXPECT_FALSE(test::HoldsOpen(dir.path() + "/edges.si.0 (deleted)"));
+    index.insert(7, 0, 0, 1, 1);
+    EXPECT_EQ(AtPoint(index, 0.5, 0.5), std::vector<std::uint32_t>{7});
+    EXPECT_TRUE(AtPoint(index, 1.5, 1.5).empty()) << "no box survives clear()";
+  }
+
+  // Without a prefix: a unique name in $TMPDIR, gone at once as well.
+  const char* saved = std::getenv("TMPDIR");
+  const std::string savedValue = saved ? saved : "";
+  setenv("TMPDIR", dir.path().c_str(), 1);
+  {
+    SpatialIndex2D index;
+    index.insert(1048576, 0, 0, 1, 1);
+    const std::wstring base = index.fileBase();
+    EXPECT_EQ(base.rfind(dir.wpath() + L"/si", 0), 0u);
+    EXPECT_TRUE(test::HoldsOpen(std::string(base.begin(), base.end()) + "0 (deleted)"));
+    EXPECT_TRUE(dir.entries().empty());
+  }
+  if (saved) setenv("TMPDIR", savedValue.c_str(), 1);
+  else unsetenv("TMPDIR");
+  EXPECT_TRUE(dir.entries().empty());
+}
+
+}  // namespace
+}  // namespace kel
