@@ -27,7 +27,11 @@ struct LoadedTile {
 LoadedTile LoadTile(const std::string& path) {
   const auto start = std::chrono::steady_clock::now();
   LoadedTile loaded;
-  loaded.tile = std::make_unique<kel::SFF2BVH>(kel::Utf8String2WString(path));
+  {
+    tool::Task task(L"read " + kel::Utf8String2WString(std::filesystem::path(path).filename().string()), 1);
+    loaded.tile = std::make_unique<kel::SFF2BVH>(kel::Utf8String2WString(path));
+    task.step(1);
+  }
   loaded.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (!loaded.tile->valid())
     throw kel::wexception(L"cannot read tile or it holds no triangles: " + kel::Utf8String2WString(path));

@@ -18,10 +18,12 @@ namespace {
 namespace fs = std::filesystem;
 
 // Counts the bytes pulled from a source and moves the task's progress with
-// them; a read after Ctrl-C throws tool::Interrupted.
+// them; a read after Ctrl-C throws tool::Interrupted. Without a task (a
+// dump printing as it goes, where bars would tear the output) it only
+// watches for Ctrl-C.
 class ProgressSource : public kel::sff_input_stream {
 public:
-  ProgressSource(kel::sff_input_stream& inner, tool::Task& task) : inner_(inner), task_(task) {}
+  ProgressSource(kel::sff_input_stream& inner, tool::Task* task) : inner_(inner), task_(task) {}
   void reset() override {
     inner_.reset();
     done_ = 0;
@@ -29,13 +31,16 @@ public:
   std::size_t read(void* buffer, std::size_t size) override {
     const std::size_t n = inner_.read(buffer, size);
     done_ += n;
-    task_.step(static_cast<std::int64_t>(done_));
+    if (task_)
+      task_->step(static_cast<std::int64_t>(done_));
+    else if (tool::ProgressView::InterruptRequested())
+      throw tool::Interrupted();
     return n;
   }
 
 private:
   kel::sff_input_stream& inner_;
-  tool::Task& task_;
+  tool::Task* task_;
   std::uint64_t done_ = 0;
 };
 
@@ -202,10 +207,20 @@ struct SffArgs {
 };
 
 int RunDump(const SffArgs& a) {
-  kel::sff_file_is in(a.in.c_str());
+  kel::sff_file_is file(a.in.c_str());
   Dumper dumper(a.summary);
-  kel::sff_reader().read(in, dumper);
-  if (a.summary) dumper.printSummary();
+  if (a.summary) {
+    {
+      tool::Task task(kel::Utf8String2WString("dump " + fs::path(a.in).filename().string()),
+                      static_cast<std::int64_t>(FileSize(a.in)));
+      ProgressSource in(file, &task);
+      kel::sff_reader().read(in, dumper);
+    }
+    dumper.printSummary();
+  } else {
+    ProgressSource in(file, nullptr);
+    kel::sff_reader().read(in, dumper);
+  }
   return 0;
 }
 
@@ -221,7 +236,7 @@ int Convert(const SffArgs& a, bool compress) {
   kel::sff_file_os out(outPath.c_str());
   tool::Task task(kel::Utf8String2WString((compress ? "pack " : "unpack ") + fs::path(inPath).filename().string()),
                   static_cast<std::int64_t>(FileSize(inPath)));
-  ProgressSource in(file, task);
+  ProgressSource in(file, &task);
   kel::sff_writer writer(out, compress, static_cast<int>(a.level));
   kel::sff_copy_callback copy(writer);
   kel::sff_reader().read(in, copy);

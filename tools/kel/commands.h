@@ -16,5 +16,6 @@ void AddTextureCommands(CLI::App& app);
 void AddSrsCommands(CLI::App& app);
 void AddDemoCommands(CLI::App& app);
 void AddBagCommands(CLI::App& app);
+void AddSettingsCommands(CLI::App& app);
 void AddGeomCommands(CLI::App& app);
 void AddFeatureCommands(CLI::App& app);

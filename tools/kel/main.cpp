@@ -39,6 +39,7 @@ std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
   AddTextureCommands(*app);
   AddSrsCommands(*app);
   AddBagCommands(*app);
+  AddSettingsCommands(*app);
   AddFeatureCommands(*app);
   AddDemoCommands(*app);
   AddGeomCommands(*app);

@@ -148,10 +148,18 @@ void InterruptTree() {
   }
 }
 
+// A shell starts background jobs of scripts with SIGINT ignored, so that
+// Ctrl-C at the terminal leaves them alone; so do we.
+bool SigintIgnored() {
+  struct sigaction current {};
+  return sigaction(SIGINT, nullptr, &current) == 0 && current.sa_handler == SIG_IGN;
+}
+
 sigset_t WatchedSignals() {
+  static const bool watchSigint = !SigintIgnored();
   sigset_t set;
   sigemptyset(&set);
-  sigaddset(&set, SIGINT);
+  if (watchSigint) sigaddset(&set, SIGINT);
   sigaddset(&set, kWakeSignal);
   return set;
 }

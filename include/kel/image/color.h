@@ -9,6 +9,7 @@
 #include "kel/core/enumerate.h"
 #include "kel/core/types.h"
 #include "kel/export.h"
+#include "kel/settings/string_utils.h"  // StringUtils: the colour text functions
 
 namespace kel {
 
@@ -33,19 +34,6 @@ public:
   // sends `from`. Components are rounded to the nearest byte and clamped.
   static void CreateProgressionPalette(IEnumerate<Color4B>& sink, const Color4B& from, const Color4B& to,
                                        unsigned int count, EColorPaletteType type);
-};
-
-// Colour text functions; the rest of the string helpers live elsewhere.
-class KEL_API StringUtils final {
-public:
-  StringUtils() = delete;
-
-  // "x" and eight upper-case hex digits: R, G, B, A.
-  static std::wstring Color2String(const Color4B& colour);
-  // Accepts "x" or "#" then RRGGBB (alpha 255) or RRGGBBAA, either case.
-  // On false `out` is untouched.
-  static bool String2Color(Color4B& out, const std::wstring& text);
-  static bool IsColor(const std::wstring& text);
 };
 
 }  // namespace kel
