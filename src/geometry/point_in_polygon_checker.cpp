@@ -63,6 +63,10 @@ PointInPolygonChecker::PointInPolygonChecker(std::shared_ptr<GeometryBuffer> pol
       index_->insert(std::uint64_t(i), std::min(a[0], a[3]), std::min(a[1], a[4]), std::max(a[0], a[3]),
                      std::max(a[1], a[4]));
     }
+  // Spilled levels end with up to 20 pages past their mapping, which queries
+  // would read and write back through buffers; reopened, every whole page is
+  // a view of the file.
+  index_->reopenFiles();
 }
 
 PointInPolygonChecker::~PointInPolygonChecker() = default;
