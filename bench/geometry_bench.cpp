@@ -200,8 +200,12 @@ std::shared_ptr<GeometryBuffer> Borders(const std::string& which, std::string& w
   return FromGeos(world.get());
 }
 
+// A case is a polygon and a query order: uniform random points in its box,
+// or ("rows") a 256 x 256 grid of its box walked row by row, as a raster
+// mask would ask.
 struct PipCase {
   std::string name;
+  std::string polygonName;
   std::shared_ptr<GeometryBuffer> polygon;
   std::vector<Vec2d> queries;
   std::string skip;  // why the case cannot run, if it cannot
@@ -215,17 +219,34 @@ std::shared_ptr<GeometryBuffer> MakePolygon(const std::string& name, std::string
 }
 
 const std::vector<std::string>& PipNames() {
-  static const std::vector<std::string> names{"star 1M", "star 10M", "border largest", "border world"};
+  static const std::vector<std::string> names{"star 1M",      "star 1M rows",   "star 10M",
+                                              "star 10M rows", "border largest", "border world"};
   return names;
 }
 
-std::vector<Vec2d> Queries(const GeometryBuffer& poly, unsigned seed) {
-  std::mt19937 rng(seed);
+std::vector<Vec2d> Queries(const GeometryBuffer& poly, bool rows) {
+  std::mt19937 rng(7);
   const auto box = poly.GetBBox2d();
   std::uniform_real_distribution<double> ux(box.min.x(), box.max.x()), uy(box.min.y(), box.max.y());
   std::vector<Vec2d> q(kQueries);
-  for (Vec2d& p : q) p = Vec2d(ux(rng), uy(rng));
+  for (int i = 0; i < kQueries; ++i)
+    q[std::size_t(i)] = rows ? Vec2d(box.min.x() + (i % 256 + 0.5) / 256 * (box.max.x() - box.min.x()),
+                                     box.min.y() + (i / 256 + 0.5) / 256 * (box.max.y() - box.min.y()))
+                             : Vec2d(ux(rng), uy(rng));
   return q;
+}
+
+// Polygons are shared by the cases that query them.
+std::shared_ptr<GeometryBuffer> Polygon(const std::string& name, std::string& why) {
+  static std::map<std::string, std::pair<std::shared_ptr<GeometryBuffer>, std::string>> made;
+  auto it = made.find(name);
+  if (it == made.end()) {
+    std::string failure;
+    auto poly = MakePolygon(name, failure);
+    it = made.emplace(name, std::make_pair(poly, failure)).first;
+  }
+  why = it->second.second;
+  return it->second.first;
 }
 
 PipCase& Case(const std::string& name) {
@@ -234,16 +255,34 @@ PipCase& Case(const std::string& name) {
   if (it != cases.end()) return it->second;
   PipCase c;
   c.name = name;
-  c.polygon = MakePolygon(name, c.skip);
-  if (c.polygon) c.queries = Queries(*c.polygon, 7);
+  const bool rows = name.size() > 5 && name.compare(name.size() - 5, 5, " rows") == 0;
+  c.polygonName = rows ? name.substr(0, name.size() - 5) : name;
+  c.polygon = Polygon(c.polygonName, c.skip);
+  if (c.polygon) c.queries = Queries(*c.polygon, rows);
   return cases[name] = std::move(c);
 }
 
-// The checker and GEOS for one case, built once; agreement checked once.
-struct PipSides {
+// The checker and GEOS for one polygon, built once.
+struct PipIndexes {
   std::unique_ptr<kel::PointInPolygonChecker> checker;
   GeomPtr geos;
   const GEOSPreparedGeometry* prepared = nullptr;
+};
+
+PipIndexes& Indexes(const PipCase& c) {
+  static std::map<std::string, PipIndexes> made;
+  auto it = made.find(c.polygonName);
+  if (it != made.end()) return it->second;
+  PipIndexes& x = made[c.polygonName];
+  x.checker = std::make_unique<kel::PointInPolygonChecker>(c.polygon);
+  x.geos = ToGeos(*c.polygon);
+  x.prepared = GEOSPrepare_r(G().h, x.geos.get());
+  return x;
+}
+
+// A case's GEOS query points, and its agreement, checked once.
+struct PipSides {
+  PipIndexes* indexes = nullptr;
   std::vector<GeomPtr> points;
   std::string disagreement;
 };
@@ -253,20 +292,20 @@ PipSides& Sides(PipCase& c) {
   auto it = sides.find(c.name);
   if (it != sides.end()) return it->second;
   PipSides& s = sides[c.name];
-  s.checker = std::make_unique<kel::PointInPolygonChecker>(c.polygon);
-  s.geos = ToGeos(*c.polygon);
-  s.prepared = GEOSPrepare_r(G().h, s.geos.get());
+  s.indexes = &Indexes(c);
+  const kel::PointInPolygonChecker& checker = *s.indexes->checker;
+  const GEOSPreparedGeometry* prepared = s.indexes->prepared;
   for (const Vec2d& p : c.queries) s.points.emplace_back(GEOSGeom_createPointFromXY_r(G().h, p.x(), p.y()));
   // Every point where the answers differ must lie on an edge.
   int inside = 0, onEdge = 0;
   const double scale = std::max(c.polygon->GetBBox2d().max.x() - c.polygon->GetBBox2d().min.x(), 1.0);
   for (std::size_t i = 0; i < c.queries.size(); ++i) {
-    const bool ours = s.checker->PointInPolygon(c.queries[i]);
-    const bool theirs = GEOSPreparedContains_r(G().h, s.prepared, s.points[i].get()) == 1;
+    const bool ours = checker.PointInPolygon(c.queries[i]);
+    const bool theirs = GEOSPreparedContains_r(G().h, prepared, s.points[i].get()) == 1;
     inside += theirs;
     if (ours == theirs) continue;
     double d = 0;
-    GEOSPreparedDistance_r(G().h, s.prepared, s.points[i].get(), &d);
+    GEOSPreparedDistance_r(G().h, prepared, s.points[i].get(), &d);
     if (d <= 1e-12 * scale) {
       ++onEdge;
       continue;
@@ -286,7 +325,7 @@ void BM_PipKel(benchmark::State& state, const std::string& name) {
   if (!c.polygon) return state.SkipWithError(("skipped: " + c.skip).c_str());
   PipSides& s = Sides(c);
   if (!s.disagreement.empty()) return Fail(state, s.disagreement);
-  const kel::PointInPolygonChecker& checker = *s.checker;
+  const kel::PointInPolygonChecker& checker = *s.indexes->checker;
   Timed(state, "kel pip " + name, kQueries, [&] {
     int in = 0;
     for (const Vec2d& p : c.queries) in += checker.PointInPolygon(p);
@@ -301,7 +340,7 @@ void BM_PipGeos(benchmark::State& state, const std::string& name) {
   if (!s.disagreement.empty()) return Fail(state, s.disagreement);
   Timed(state, "geos pip " + name, kQueries, [&] {
     int in = 0;
-    for (const GeomPtr& p : s.points) in += GEOSPreparedContains_r(G().h, s.prepared, p.get());
+    for (const GeomPtr& p : s.points) in += GEOSPreparedContains_r(G().h, s.indexes->prepared, p.get());
     benchmark::DoNotOptimize(in);
   });
 }
@@ -443,6 +482,7 @@ void MemoryReport() {
   std::printf("  %-15s %10s %8s %8s %9s %15s\n", "polygon", "vertices", "kel", "GEOS", "kel/GEOS", "kel index files");
   for (const std::string& name : PipNames()) {
     PipCase& c = Case(name);
+    if (c.polygonName != c.name) continue;  // the same polygon as another row
     if (!c.polygon) {
       std::printf("  %-15s skipped: %s\n", name.c_str(), c.skip.c_str());
       continue;
