@@ -79,7 +79,7 @@ void WriteTile(kel::sff_writer& w) {
   w.beginC(7);
   w.writePositions(t.positions.data(), kVertices);
   w.writeNormals(t.normals.data(), kVertices);
-  w.writeIndices(t.indices.data(), kIndices);
+  w.writeArray4(t.indices.data(), kIndices);
   w.writeString(33, "ground");
   w.end();
   w.writeElement(9, nullptr, "facade", true);
@@ -181,7 +181,7 @@ public:
   const void* last = nullptr;
   void positions(const void* d, std::size_t n) override { last = d, bytes += n * 12; }
   void normals(const void* d, std::size_t n) override { last = d, bytes += n * 12; }
-  void indices(const void* d, std::size_t n) override { last = d, bytes += n * 4; }
+  void array4(const void* d, std::size_t n) override { last = d, bytes += n * 4; }
 };
 
 // Checks the arrays a reader delivers against the tile, once.
@@ -191,7 +191,7 @@ public:
   int arrays = 0;
   void positions(const void* d, std::size_t n) override { check(d, n * 12, TheTile().positions.data()); }
   void normals(const void* d, std::size_t n) override { check(d, n * 12, TheTile().normals.data()); }
-  void indices(const void* d, std::size_t n) override { check(d, n * 4, TheTile().indices.data()); }
+  void array4(const void* d, std::size_t n) override { check(d, n * 4, TheTile().indices.data()); }
 
 private:
   void check(const void* d, std::size_t size, const void* expect) {

@@ -26,7 +26,7 @@ public:
   void array24(const void* d, std::size_t n) override { touch(d, n * 24); }
   void normals(const void* d, std::size_t n) override { touch(d, n * 12); }
   void array8(const void* d, std::size_t n, std::uint32_t e) override { touch(d, n * 8), sum += e; }
-  void indices(const void* d, std::size_t n) override { touch(d, n * 4); }
+  void array4(const void* d, std::size_t n) override { touch(d, n * 4); }
   void integers(const std::uint64_t* v, std::size_t n) override { touch(v, n * 8); }
   void string34(const char* t, std::size_t n) override { touch(t, n); }
   void string32(const char* t, std::size_t n) override { touch(t, n); }

@@ -10,7 +10,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ pkg-config git
   liblog4cplus-dev zlib1g-dev libpng-dev libjpeg62-turbo-dev libomp-dev
-  libproj-dev proj-data libgeos-dev libgdal-dev libcli11-dev
+  libproj-dev proj-data libsqlite3-dev libgeos-dev libgdal-dev libcli11-dev
 )
 if [ "${1:-}" = "--test" ]; then
   packages+=(

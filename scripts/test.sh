@@ -27,6 +27,19 @@ step "tests under sanitizers"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir "$out/asan" -j "$jobs" --output-on-failure
 
+step "ThreadSanitizer: the progress tree and coordinate-system caches"
+# Only the tests with threads of their own; no OpenMP there (TSan cannot see
+# libgomp's synchronisation). The srs tests join once they exist.
+cmake -S . -B "$out/tsan" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEL_SANITIZE=thread \
+  -DKEL_BUILD_TOOLS=OFF >/dev/null
+tsan_targets=()
+for t in kel_runtime_tests kel_srs_tests; do
+  cmake --build "$out/tsan" --target help | grep -q "^$t:" && tsan_targets+=("$t")
+done
+cmake --build "$out/tsan" -j "$jobs" --target "${tsan_targets[@]}"
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  ctest --test-dir "$out/tsan" -j "$jobs" --output-on-failure -L '^(runtime|srs)$'
+
 step "scalar build (KEL_NO_SIMD)"
 cmake -S . -B "$out/scalar" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKEL_NO_SIMD=ON -DKEL_BUILD_TOOLS=OFF >/dev/null
 cmake --build "$out/scalar" -j "$jobs"
@@ -44,7 +57,7 @@ if ls fuzz/*_fuzz.cpp >/dev/null 2>&1; then
     seeds=()
     [ -d "fuzz/corpus/$name" ] && seeds=("fuzz/corpus/$name")
     echo "fuzz: $name"
-    "$out/fuzz/fuzz/$name" -max_total_time="$fuzz_seconds" -print_final_stats=1 "$corpus" "${seeds[@]}" \
+    "$out/fuzz/fuzz/$name" -max_total_time="$fuzz_seconds" -malloc_limit_mb=512 -print_final_stats=1 "$corpus" "${seeds[@]}" \
       2>"$out/fuzz/$name.log" || { tail -50 "$out/fuzz/$name.log"; exit 1; }
     grep -E 'stat::number_of_executed_units' "$out/fuzz/$name.log" || true
   done

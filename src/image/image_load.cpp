@@ -1,8 +1,21 @@
 // ImageUtil::Load and LoadFromMemory: PNG through libpng's simplified API,
 // JPEG through libjpeg(-turbo), DDS through DDSFileUtil. Hostile bytes are
 // safe: decoder errors come back as wexception (libjpeg's exit() and
-// libpng's longjmp never leave this file), claimed sizes are checked against
-// the bytes present and against kMaxDecodedBytes before anything is allocated.
+// libpng's longjmp never leave this file).
+//
+// Decoders are bounded by their input: a header that claims more pixels than
+// its bytes can carry is refused before anything big is allocated.
+// - PNG: deflate expands at most 1032:1 (a 258-byte match in two 1-bit
+//   codes), so the filtered rows, h * (1 + ceil(w * bits per pixel / 8))
+//   bytes, may not exceed 1032 times the file.
+// - JPEG: every 8x8 block of a component takes at least one Huffman code, one
+//   bit, and a file must code at least one component, so the blocks of the
+//   least-sampled component may not exceed 8 per byte of file (about 512
+//   pixels per byte for 4:4:4 and grey, 2048 for 4:2:0). Arithmetic-coded
+//   files could be denser; they are held to the same bound.
+// A 547-byte JPEG claiming 4112 x 63751 pixels is refused after its header;
+// a uniform 20000 x 20000 JPEG from a normal encoder is hundreds of kilobytes
+// and loads. Whatever the bound, no image beyond the model's 4 GiB is made.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +23,7 @@
 #include <cerrno>
 #include <csetjmp>
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
 #include <cwctype>
 #include <vector>
@@ -27,8 +41,10 @@
 namespace kel {
 namespace {
 
-// Decoded images above this many bytes are refused as decompression bombs.
-constexpr std::uint64_t kMaxDecodedBytes = std::uint64_t{1} << 30;
+// The image model addresses levels with 32-bit offsets (IImage::lineData).
+constexpr std::uint64_t kMaxDecodedBytes = (std::uint64_t{1} << 32) - 16;
+// Deflate's largest expansion: 258 bytes from two 1-bit codes.
+constexpr std::uint64_t kDeflateMaxRatio = 1032;
 
 enum class Kind { Png, Jpeg, Dds, Unsupported };
 
@@ -64,6 +80,14 @@ std::shared_ptr<IImage> DecodePng(const std::uint8_t* data, std::size_t size, co
   png.version = PNG_IMAGE_VERSION;
   if (!png_image_begin_read_from_memory(&png, data, size)) Fail(L"Image decompression failed: ", name);
   png.format = PNG_FORMAT_RGBA;
+  // libpng accepted the signature and the header chunk, which comes first.
+  const unsigned depth = data[24], type = data[25];
+  const unsigned channels = type == 2 ? 3 : type == 4 ? 2 : type == 6 ? 4 : 1;
+  const std::uint64_t rowBytes = 1 + (std::uint64_t{png.width} * depth * channels + 7) / 8;
+  if (std::uint64_t{png.height} * rowBytes / kDeflateMaxRatio > size) {
+    png_image_free(&png);
+    Fail(L"Image decompression failed: ", name);
+  }
   std::shared_ptr<IImage> image;
   try {
     image = NewRgba(png.width, png.height, name);
@@ -97,6 +121,38 @@ void JpegEmitMessage(j_common_ptr info, int level) {
 
 void JpegOutputMessage(j_common_ptr) {}
 
+// Blocks of the least-sampled component: the fewest Huffman codes, one bit
+// each, that a file of this size must hold.
+std::uint64_t LeastBlocks(const jpeg_decompress_struct& info) {
+  std::uint64_t least = ~std::uint64_t{0};
+  for (int i = 0; i < info.num_components; ++i) {
+    const jpeg_component_info& c = info.comp_info[i];
+    const std::uint64_t hmax = std::max(1, info.max_h_samp_factor), vmax = std::max(1, info.max_v_samp_factor);
+    const std::uint64_t w = (std::uint64_t{info.image_width} * std::max(1, c.h_samp_factor) + hmax - 1) / hmax;
+    const std::uint64_t h = (std::uint64_t{info.image_height} * std::max(1, c.v_samp_factor) + vmax - 1) / vmax;
+    least = std::min(least, ((w + 7) / 8) * ((h + 7) / 8));
+  }
+  return least;
+}
+
+// CMYK (libjpeg's output for CMYK and YCCK files) to opaque RGB in place.
+// Files with Adobe's marker store the inks inverted, as Photoshop writes them.
+void CmykToRgba(std::uint8_t* p, std::uint64_t width, bool inverted) {
+  for (std::uint64_t x = 0; x < width; ++x, p += 4) {
+    unsigned c = p[0], m = p[1], y = p[2], k = p[3];
+    if (!inverted) {
+      c = 255 - c;
+      m = 255 - m;
+      y = 255 - y;
+      k = 255 - k;
+    }
+    p[0] = static_cast<std::uint8_t>((c * k + 127) / 255);
+    p[1] = static_cast<std::uint8_t>((m * k + 127) / 255);
+    p[2] = static_cast<std::uint8_t>((y * k + 127) / 255);
+    p[3] = 255;
+  }
+}
+
 struct JpegJob {
   jpeg_decompress_struct info;
   JpegError error;
@@ -109,14 +165,18 @@ bool RunJpeg(JpegJob& job, const std::uint8_t* data, std::size_t size, const std
   if (setjmp(job.error.jump)) return false;
   jpeg_mem_src(&job.info, data, static_cast<unsigned long>(size));
   if (jpeg_read_header(&job.info, TRUE) != JPEG_HEADER_OK) return false;
-  job.info.out_color_space = JCS_EXT_RGBA;
   if (TooLarge(job.info.image_width, job.info.image_height)) return false;
+  if (LeastBlocks(job.info) > std::uint64_t{size} * 8) return false;
+  // libjpeg turns YCCK into CMYK but not CMYK into RGB: that is ours.
+  const bool cmyk = job.info.jpeg_color_space == JCS_CMYK || job.info.jpeg_color_space == JCS_YCCK;
+  job.info.out_color_space = cmyk ? JCS_CMYK : JCS_EXT_RGBA;
   jpeg_start_decompress(&job.info);
   if (job.info.output_components != 4) return false;
   image = NewRgba(job.info.output_width, job.info.output_height, name);
   while (job.info.output_scanline < job.info.output_height) {
     JSAMPROW row = image->lineData(job.info.output_scanline, 0);
     if (jpeg_read_scanlines(&job.info, &row, 1) != 1) return false;
+    if (cmyk) CmykToRgba(row, job.info.output_width, job.info.saw_Adobe_marker);
   }
   jpeg_finish_decompress(&job.info);
   return true;
@@ -143,27 +203,6 @@ std::shared_ptr<IImage> DecodeJpeg(const std::uint8_t* data, std::size_t size, c
   return image;
 }
 
-std::uint32_t Le32(const std::uint8_t* p) {
-  return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
-         static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
-}
-
-// DDSFileUtil trusts the header's pixel byte count; check it against the
-// bytes present (and the size limit) before handing the buffer over.
-void CheckDdsFits(const std::uint8_t* data, std::size_t size, const std::wstring& name) {
-  if (size < 128 || std::memcmp(data, "DDS ", 4) != 0) return;  // DDSFileUtil reports these
-  const std::uint64_t height = Le32(data + 12), width = Le32(data + 16);
-  std::uint64_t levels = Le32(data + 28);
-  if (levels == 0) levels = 1;
-  IImage::Format format;
-  if (Le32(data + 88) == 32) format = IImage::RGBA;
-  else if ((Le32(data + 80) & 4) != 0 && std::memcmp(data + 84, "DXT1", 4) == 0) format = IImage::DXT1;
-  else if ((Le32(data + 80) & 4) != 0 && std::memcmp(data + 84, "DXT5", 4) == 0) format = IImage::DXT5;
-  else return;  // unsupported: DDSFileUtil throws its own message
-  if (TooLarge(width, height)) Fail(L"Image decompression failed: ", name);
-  if (IImage::SizeInBytes(width, height, format, levels) > size - 128) Fail(L"Image decompression failed: ", name);
-}
-
 std::shared_ptr<IImage> Decode(const std::uint8_t* data, std::size_t size, const std::wstring& name, Kind kind,
                                IImage::Format format) {
   std::shared_ptr<IImage> image;
@@ -171,7 +210,7 @@ std::shared_ptr<IImage> Decode(const std::uint8_t* data, std::size_t size, const
     case Kind::Png: image = DecodePng(data, size, name); break;
     case Kind::Jpeg: image = DecodeJpeg(data, size, name); break;
     case Kind::Dds:
-      CheckDdsFits(data, size, name);
+      // Bounded by its input too: a header claiming more than the bytes is refused.
       image = DDSFileUtil::LoadTextureFromBuffer(data, size);
       if (!image) Fail(L"Image decompression failed: ", name);
       break;

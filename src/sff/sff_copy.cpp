@@ -41,7 +41,7 @@ void sff_copy_callback::array8(const void* data, std::size_t count, std::uint32_
   payloadBytes_ += count * 8;
   w_.writeArray8(data, count, extra);
 }
-void sff_copy_callback::indices(const void* data, std::size_t count) { raw(43, 23, data, count * 4); }
+void sff_copy_callback::array4(const void* data, std::size_t count) { raw(43, 23, data, count * 4); }
 void sff_copy_callback::integers(const std::uint64_t* values, std::size_t count) {
   ++records_;
   payloadBytes_ += count * 8;

@@ -243,7 +243,7 @@ void sff_reader::read(sff_input_stream& source, sff_read_callback& cb) {
       case Key(34, 16): cb.positions(p, length / 12); break;
       case Key(34, 17): cb.normals(p, length / 12); break;
       case Key(38, 16): cb.array24(p, length / 24); break;
-      case Key(43, 23): cb.indices(p, length / 4); break;
+      case Key(43, 23): cb.array4(p, length / 4); break;
       case Key(43, 21): cb.block21(p, length); break;
       case Key(43, 22): cb.block22(p, length); break;
       case Key(43, 100): cb.block100(p, length); break;

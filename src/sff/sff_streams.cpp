@@ -1,4 +1,8 @@
 #include <cstring>
+#include <exception>
+#include <string>
+
+#include "kel/core/log.h"
 
 #include "kel/core/wexception.h"
 #include "kel/sff/sff_file_stream.h"
@@ -9,15 +13,55 @@ namespace kel {
 sff_output_stream::~sff_output_stream() = default;
 sff_input_stream::~sff_input_stream() = default;
 
+namespace {
 // POSIX paths are bytes, so the UTF-8 path is already the native one.
-sff_file_os::sff_file_os(const char* utf8Path) : file_(utf8Path ? std::fopen(utf8Path, "wb") : nullptr) {
-  if (!file_) throw wexception(L"Failed to create SFF file.");
+AtomicFile CreateSffFile(const char* utf8Path) {
+  if (!utf8Path) throw wexception(L"Failed to create SFF file.");
+  try {
+    return AtomicFile(std::string(utf8Path));
+  } catch (const wexception&) {
+    throw wexception(L"Failed to create SFF file.");
+  }
+}
+}  // namespace
+
+sff_file_os::sff_file_os(const char* utf8Path)
+    : file_(CreateSffFile(utf8Path)), uncaught_(std::uncaught_exceptions()) {}
+
+sff_file_os::~sff_file_os() {
+  if (file_.committed()) return;
+  if (failed_ || std::uncaught_exceptions() > uncaught_) {
+    file_.discard();
+    return;
+  }
+  try {
+    file_.commit();
+  } catch (const wexception& e) {
+    KEL_LOG_ERROR(std::wstring(L"Failed to write SFF file. ") + e.message());
+  }
 }
 
-sff_file_os::~sff_file_os() { std::fclose(file_); }
-
 void sff_file_os::write(const void* data, std::size_t size) {
-  if (size) std::fwrite(data, 1, size, file_);
+  try {
+    file_.write(data, size);
+  } catch (const wexception&) {
+    failed_ = true;
+    throw wexception(L"Failed to write SFF file.");
+  }
+}
+
+void sff_file_os::commit() {
+  try {
+    file_.commit();
+  } catch (const wexception&) {
+    failed_ = true;
+    throw wexception(L"Failed to write SFF file.");
+  }
+}
+
+void sff_file_os::discard() noexcept {
+  failed_ = true;
+  file_.discard();
 }
 
 sff_file_is::sff_file_is(const char* utf8Path) : file_(utf8Path ? std::fopen(utf8Path, "rb") : nullptr) {

@@ -119,9 +119,9 @@ void sff_writer::writeArray24(const void* data, std::size_t count) {
   writeRecord(38, 16, count * 24, data);
 }
 
-void sff_writer::writeIndices(const std::uint32_t* values, std::size_t count) {
-  assert(values || !count);
-  writeRecord(43, 23, count * 4, values);
+void sff_writer::writeArray4(const void* data, std::size_t count) {
+  assert(data || !count);
+  writeRecord(43, 23, count * 4, data);
 }
 
 void sff_writer::writeBlock(std::uint32_t type, const void* data, std::size_t size) {

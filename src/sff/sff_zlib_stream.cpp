@@ -121,8 +121,13 @@ struct inflating_input_stream::State {
     if (r == Z_STREAM_END) ended = true;
     produced = availOut - z.avail_out;
     // A dry source still gets one call: zlib may hold output it owes for
-    // input already taken.
-    if (dry) return produced > 0;
+    // input already taken. Dry with nothing owed and no stream end means the
+    // data was cut: refuse it, or a tile cut at a record boundary would load
+    // as a smaller valid one.
+    if (dry) {
+      if (!produced && !ended) throw wexception(L"Inflate error.");
+      return produced > 0;
+    }
     // Neither input taken nor output made: zlib is stuck, never spin on it.
     if (!produced && z.avail_in == availIn && !ended) throw wexception(L"Inflate error.");
     return true;

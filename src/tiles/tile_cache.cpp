@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "kel/core/atomic_file.h"
 #include "kel/core/log.h"
 #include "kel/core/path.h"
 #include "kel/core/wexception.h"
@@ -85,24 +86,34 @@ TileCacheFileUtil::SffFileState TileCacheFileUtil::GetSffFileState(const wchar_t
   return any ? SffPresent : SffNull;
 }
 
+// Both placeholders go through a temporary and a rename: a full disk must
+// not leave a 0-byte file that reads as a null tile where an empty one was
+// meant, nor cut a tile that was there.
 bool TileCacheFileUtil::CreateNullSff(const wchar_t* path) {
-  std::FILE* f = path ? std::fopen(File::NativePath(path).c_str(), "wb") : nullptr;
-  if (!f) {
-    const int error = path ? errno : EINVAL;
-    KEL_LOG_ERROR(L"Failed to create NULL sff:" + std::wstring(path ? path : L"") + L" " + std::to_wstring(error));
-    return false;
+  int error = EINVAL;
+  if (path) {
+    try {
+      AtomicFile file{std::wstring(path)};
+      file.commit();
+      return true;
+    } catch (const wexception&) {
+      error = errno;
+    }
   }
-  std::fclose(f);
-  return true;
+  KEL_LOG_ERROR(L"Failed to create NULL sff:" + std::wstring(path ? path : L"") + L" " + std::to_wstring(error));
+  return false;
 }
 
 bool TileCacheFileUtil::CreateEmptySff(const wchar_t* path) {
   if (!path) return false;
   try {
     sff_file_os sink(File::NativePath(path).c_str());
-    sff_writer writer(sink, false);
-    writer.beginAt();
-    writer.end();
+    {
+      sff_writer writer(sink, false);
+      writer.beginAt();
+      writer.end();
+    }
+    sink.commit();
   } catch (const wexception&) {
     return false;
   }

@@ -1,4 +1,6 @@
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -6,11 +8,14 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <jpeglib.h>
 
 #include "kel/core/text.h"
 #include "kel/core/wexception.h"
 #include "image/image_test_util.h"
 #include "kel/image/image_util.h"
+#include "support/peers.h"
+#include "support/scratch.h"
 
 namespace kel {
 namespace {
@@ -116,9 +121,6 @@ TEST(Load, EveryErrorNamesThePathDirectoriesIncluded) {
   std::ofstream(WString2Utf8String(empty)).close();
   EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(empty, IImage::RGBA); }), L"File is empty: " + empty);
 
-  const std::wstring cmyk = DataPath("tiny_cmyk.jpg");
-  EXPECT_EQ(ErrorOf([&] { ImageUtil::Load(cmyk, IImage::RGBA); }), L"Image decompression failed: " + cmyk);
-
   // PNG bytes under a JPEG name and the other way round.
   const auto png = ReadFile(DataPath("tiny_rgba.png"));
   EXPECT_EQ(ErrorOf([&] { ImageUtil::LoadFromMemory(png.data(), png.size(), L"a.jpg", IImage::RGBA); }),
@@ -157,23 +159,104 @@ TEST(Load, EveryTruncatedPrefixFailsCleanly) {
   }
 }
 
-TEST(Load, RefusesHugeClaimsBeforeAllocating) {
-  // A valid PNG header claiming 40000 x 40000 pixels (6.4 GB decoded).
-  auto bytes = ReadFile(DataPath("tiny_rgba.png"));
-  auto put32 = [&](std::size_t at, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i) bytes[at + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (24 - 8 * i));
+// Headers claiming more pixels than their bytes can carry are refused before
+// the decoder allocates; files as dense as real encoders make still load.
+TEST(Load, DecodersAreBoundedByTheirInput) {
+  auto big = [](std::vector<std::uint8_t> bytes, bool png, std::uint32_t w, std::uint32_t h) {
+    if (png) {
+      auto put32 = [&](std::size_t at, std::uint32_t v) {
+        for (int i = 0; i < 4; ++i) bytes[at + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (24 - 8 * i));
+      };
+      put32(16, w);
+      put32(20, h);
+      // Keep the header chunk's CRC valid so the size, not the checksum, is refused.
+      std::uint32_t crc = 0xFFFFFFFFu;
+      for (std::size_t i = 12; i < 29; ++i) {
+        crc ^= bytes[i];
+        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+      }
+      put32(29, ~crc);
+      return bytes;
+    }
+    for (std::size_t i = 0; i + 8 < bytes.size(); ++i)
+      if (bytes[i] == 0xFF && (bytes[i + 1] == 0xC0 || bytes[i + 1] == 0xC2)) {  // start of frame
+        bytes[i + 5] = static_cast<std::uint8_t>(h >> 8);
+        bytes[i + 6] = static_cast<std::uint8_t>(h);
+        bytes[i + 7] = static_cast<std::uint8_t>(w >> 8);
+        bytes[i + 8] = static_cast<std::uint8_t>(w);
+        break;
+      }
+    return bytes;
   };
-  put32(16, 40000);
-  put32(20, 40000);
-  // Keep the header chunk's CRC valid so the size, not the checksum, is refused.
-  std::uint32_t crc = 0xFFFFFFFFu;
-  for (std::size_t i = 12; i < 29; ++i) {
-    crc ^= bytes[i];
-    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  const auto png = ReadFile(DataPath("tiny_rgba.png")), jpg = ReadFile(DataPath("tiny_rgb.jpg"));
+  ASSERT_LT(jpg.size(), 1000u);
+  for (const auto& [bytes, name] : {std::pair{big(png, true, 40000, 40000), L"big.png"},
+                                    std::pair{big(png, true, 3000, 3000), L"dense.png"},
+                                    std::pair{big(jpg, false, 4112, 63751), L"bomb.jpg"},
+                                    std::pair{big(jpg, false, 400, 400), L"dense.jpg"}})
+    EXPECT_EQ(ErrorOf([&] { ImageUtil::LoadFromMemory(bytes.data(), bytes.size(), name, IImage::RGBA); }),
+              std::wstring(L"Image decompression failed: ") + name);
+
+  if (!test::HaveProgram(test::Convert())) GTEST_SKIP() << "ImageMagick missing";
+  test::ScratchDir dir("kel_load_dense");
+  for (const char* file : {"uniform.jpg", "uniform.png"}) {
+    const std::string path = dir / file;
+    ASSERT_EQ(test::Run(test::Convert() + " -size 3000x2000 xc:gray40 -depth 8 " + test::Quote(path)), 0);
+    auto img = ImageUtil::Load(Utf8String2WString(path), IImage::RGBA);
+    ASSERT_TRUE(img) << file;
+    EXPECT_EQ(img->width() * img->height(), 6000000u);
+    EXPECT_NEAR(img->lineData(1999, 0)[4 * 2999], 102, 1) << file;
   }
-  put32(29, ~crc);
-  EXPECT_EQ(ErrorOf([&] { ImageUtil::LoadFromMemory(bytes.data(), bytes.size(), L"big.png", IImage::RGBA); }),
-            L"Image decompression failed: big.png");
+}
+
+// CMYK JPEGs as ImageMagick writes them, and YCCK ones as libjpeg writes them
+// for Adobe's inverted inks, load as the RGB that ImageMagick shows.
+TEST(Load, CmykAndYcckJpegsLoadAsImageMagickShowsThem) {
+  if (!test::HaveProgram(test::Convert())) GTEST_SKIP() << "ImageMagick missing";
+  test::ScratchDir dir("kel_load_cmyk");
+  const std::string source = "-size 32x32 -depth 8 " + test::Quote("rgba:" + WString2Utf8String(DataPath("source32.rgba")));
+  const std::string cmyk = dir / "cmyk.jpg", ycck = dir / "ycck.jpg", raw = dir / "cmyk.raw";
+  ASSERT_EQ(test::Run(test::Convert() + " " + source + " -alpha off -colorspace CMYK -quality 95 " + test::Quote(cmyk)), 0);
+  ASSERT_EQ(test::Run(test::Convert() + " " + source + " -alpha off -colorspace CMYK -depth 8 " + test::Quote("cmyk:" + raw)), 0);
+  {
+    std::vector<std::uint8_t> inks = ReadFile(Utf8String2WString(raw));
+    ASSERT_EQ(inks.size(), 32u * 32 * 4);
+    for (auto& v : inks) v = static_cast<std::uint8_t>(255 - v);  // Adobe's inverted convention
+    jpeg_compress_struct info;
+    jpeg_error_mgr err;
+    info.err = jpeg_std_error(&err);
+    jpeg_create_compress(&info);
+    unsigned char* out = nullptr;
+    unsigned long outSize = 0;
+    jpeg_mem_dest(&info, &out, &outSize);
+    info.image_width = info.image_height = 32;
+    info.input_components = 4;
+    info.in_color_space = JCS_CMYK;
+    jpeg_set_defaults(&info);
+    jpeg_set_colorspace(&info, JCS_YCCK);
+    jpeg_set_quality(&info, 95, TRUE);
+    jpeg_start_compress(&info, TRUE);
+    for (JSAMPROW row = inks.data(); info.next_scanline < 32; row += 32 * 4) jpeg_write_scanlines(&info, &row, 1);
+    jpeg_finish_compress(&info);
+    test::WriteBytes(ycck, std::string(reinterpret_cast<char*>(out), outSize));
+    jpeg_destroy_compress(&info);
+    std::free(out);
+  }
+  for (const std::string& path : {cmyk, ycck}) {
+    auto ours = ImageUtil::Load(Utf8String2WString(path), IImage::RGBA);
+    ASSERT_TRUE(ours) << path;
+    const std::string rgba = dir / "theirs.rgba";
+    ASSERT_EQ(test::Run(test::Convert() + " " + test::Quote(path) + " -colorspace sRGB -alpha off -depth 8 " +
+                        test::Quote("rgb:" + rgba)),
+              0);
+    const auto theirs = ReadFile(Utf8String2WString(rgba));
+    ASSERT_EQ(theirs.size(), 32u * 32 * 3);
+    const std::uint8_t* p = ours->lineData(0, 0);
+    for (std::size_t i = 0; i < 32 * 32; ++i) {
+      for (int k = 0; k < 3; ++k) ASSERT_NEAR(p[4 * i + k], theirs[3 * i + k], 2) << path << " pixel " << i;
+      ASSERT_EQ(p[4 * i + 3], 255);
+    }
+  }
 }
 
 }  // namespace

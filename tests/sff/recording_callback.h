@@ -51,7 +51,7 @@ public:
   void array8(const void* d, std::size_t n, std::uint32_t extra) override {
     add("array8 " + std::to_string(n) + " " + std::to_string(extra) + " " + Hex(d, n * 8));
   }
-  void indices(const void* d, std::size_t n) override { add("indices " + std::to_string(n) + " " + Hex(d, n * 4)); }
+  void array4(const void* d, std::size_t n) override { add("array4 " + std::to_string(n) + " " + Hex(d, n * 4)); }
   void integers(const std::uint64_t* v, std::size_t n) override { add("integers" + List(v, n)); }
   void string34(const char* t, std::size_t n) override { add("string34 " + std::string(t, n)); }
   void string32(const char* t, std::size_t n) override { add("string32 " + std::string(t, n)); }

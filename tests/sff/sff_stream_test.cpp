@@ -1,6 +1,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -15,6 +16,8 @@
 #include "kel/sff/sff_zlib_stream.h"
 #include "sff/recording_callback.h"
 #include "support/error_of.h"
+#include "support/log_capture.h"
+#include "support/scratch.h"
 
 namespace kel {
 namespace {
@@ -24,11 +27,6 @@ namespace fs = std::filesystem;
 
 using test::ErrorOf;
 
-fs::path TempDir() {
-  const fs::path dir = fs::temp_directory_path() / ("kel_sff_test_" + std::to_string(::getpid()));
-  fs::create_directories(dir);
-  return dir;
-}
 
 Bytes Noise(std::size_t n, unsigned seed) {
   std::mt19937 rng(seed);
@@ -78,7 +76,8 @@ TEST(SffBuffIs, ReadsPastTheEndReturnZeroAndKeepThePosition) {
 }
 
 TEST(SffFileStreams, WriteAndReadBackThroughANonAsciiUtf8Path) {
-  const fs::path path = TempDir() / fs::path("t\xC3\xA8st_\xE6\x97\xA5\xE6\x9C\xAC.sff");
+  test::ScratchDir dir;
+  const fs::path path = dir.path() / fs::path("t\xC3\xA8st_\xE6\x97\xA5\xE6\x9C\xAC.sff");
   const std::string utf8 = path.string();
   const float xyz[3] = {1, 2, 3};
   {
@@ -91,15 +90,15 @@ TEST(SffFileStreams, WriteAndReadBackThroughANonAsciiUtf8Path) {
   EXPECT_TRUE(fs::exists(path));
   sff_file_is in(utf8.c_str());
   EXPECT_EQ(test::ReadEvents(in), (std::vector<std::string>{"begin C 3", "positions 1 0000803f0000004000004040", "end 67 3"}));
-  fs::remove(path);
 }
 
 TEST(SffFileStreams, OpenFailuresThrowTheirMessagesAndResetRewindsToTheFirstByte) {
-  const std::string missing = (TempDir() / "no_such_dir" / "x.sff").string();
+  test::ScratchDir dir;
+  const std::string missing = dir / "no_such_dir/x.sff";
   EXPECT_EQ(ErrorOf([&] { sff_file_os out(missing.c_str()); }), L"Failed to create SFF file.");
   EXPECT_EQ(ErrorOf([&] { sff_file_is in(missing.c_str()); }), L"Failed to open SFF file.");
   EXPECT_EQ(ErrorOf([&] { sff_file_is in(nullptr); }), L"Failed to open SFF file.");
-  const std::string path = (TempDir() / "reset.bin").string();
+  const std::string path = dir / "reset.bin";
   {
     sff_file_os out(path.c_str());
     out.write("abcdef", 6);
@@ -111,6 +110,69 @@ TEST(SffFileStreams, OpenFailuresThrowTheirMessagesAndResetRewindsToTheFirstByte
   EXPECT_EQ(in.read(b, 6), 6u);
   EXPECT_EQ(std::string(b, 6), "abcdef");
   EXPECT_EQ(in.read(b, 6), 0u);
+}
+
+// A write that fails (here a file size limit, as a full disk) throws the
+// sink's message, and the file under the real name stays what it was.
+TEST(SffFileStreams, FailedOrAbandonedWritesLeaveTheOldFile) {
+  const Bytes big = Noise(1 << 20, 5);
+  auto writeTile = [&](const std::string& path, bool compress, std::size_t bytes) {
+    sff_file_os out(path.c_str());
+    {
+      sff_writer w(out, compress);
+      w.writeBlock(21, big.data(), bytes);
+    }
+    out.commit();
+  };
+  struct Case {
+    const char* label;
+    std::function<void(const std::string&)> write;
+    std::wstring error;
+  } cases[] = {
+      {"plain, fails in write", [&](const std::string& p) { writeTile(p, false, big.size()); },
+       L"Failed to write SFF file."},
+      {"compressed, fails in write", [&](const std::string& p) { writeTile(p, true, big.size()); },
+       L"Failed to write SFF file."},
+      {"small, fails at commit", [&](const std::string& p) { writeTile(p, false, 5000); },
+       L"Failed to write SFF file."},
+      {"small, fails in the destructor",
+       [&](const std::string& p) {
+         test::LogCapture log;
+         {
+           sff_file_os out(p.c_str());
+           sff_writer w(out, false);
+           w.writeBlock(21, big.data(), 5000);
+         }
+         EXPECT_TRUE(log.contains("Failed to write SFF file.")) << "logged, as it cannot throw";
+       },
+       L""},
+      {"exception unwinding",
+       [&](const std::string& p) {
+         sff_file_os out(p.c_str());
+         sff_writer w(out, true);
+         w.writeBlock(21, big.data(), 5000);
+         throw wexception(L"reader failed");
+       },
+       L"reader failed"},
+      {"discarded",
+       [&](const std::string& p) {
+         sff_file_os out(p.c_str());
+         out.write("SFF0", 4);
+         out.discard();
+       },
+       L""},
+  };
+  for (const auto& c : cases) {
+    test::ScratchDir dir;
+    const std::string path = dir / "tile.sff";
+    test::WriteBytes(path, "old tile");
+    {
+      test::FileSizeLimit limit(4096);
+      EXPECT_EQ(ErrorOf([&] { c.write(path); }), c.error) << c.label;
+    }
+    EXPECT_EQ(test::ReadBytes(path), "old tile") << c.label;
+    EXPECT_TRUE(test::Leftovers(dir.path()).empty()) << c.label;
+  }
 }
 
 TEST(ZlibStreams, CompressedBytesAreAPlainZlibStream) {

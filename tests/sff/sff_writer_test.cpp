@@ -88,7 +88,7 @@ TEST(SffWriter, RecordsHaveTheirExactBytes) {
        {0x22, 0x10, 0x0C, 0x00, 0x00, 0x80, 0x3F, 0x00, 0x00, 0x00, 0x40, 0x00, 0x00, 0x00, 0xBF}},
       {"normals empty", [](sff_writer& w) { w.writeNormals(nullptr, 0); }, {0x22, 0x11, 0x00}},
       {"array24 empty", [](sff_writer& w) { w.writeArray24(nullptr, 0); }, {0x26, 0x10, 0x00}},
-      {"indices", [&](sff_writer& w) { w.writeIndices(idx, 2); },
+      {"array4", [&](sff_writer& w) { w.writeArray4(idx, 2); },
        {0x2B, 0x17, 0x08, 0x01, 0x00, 0x00, 0x00, 0x04, 0x03, 0x02, 0x01}},
       // The length covers the elements only; the extra count sits between.
       {"array8", [&](sff_writer& w) { w.writeArray8(block16, 2, 129); },

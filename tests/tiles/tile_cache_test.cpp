@@ -12,6 +12,7 @@
 #include "kel/core/log.h"
 #include "kel/core/text.h"
 #include "support/log_capture.h"
+#include "support/scratch.h"
 
 namespace kel {
 namespace {
@@ -98,8 +99,20 @@ TEST(TileCacheFileUtil, PlaceholderFailuresReturnFalseAndNullLogs) {
   EXPECT_FALSE(Util::CreateEmptySff(bad.c_str()));
   const auto messages = capture.messages();
   ASSERT_EQ(messages.size(), 1u);
-  EXPECT_EQ(messages[0].rfind("Failed to create NULL sff:", 0), 0u);
-  EXPECT_NE(messages[0].find("no_such_dir"), std::string::npos);
+  EXPECT_EQ(messages[0], "Failed to create NULL sff:" + (TempDir() / "no_such_dir" / "x.sff").string() + " 2");
+}
+
+// An empty tile that cannot be written whole is not written at all: a cut
+// one would read as a null tile, or replace a tile that was there.
+TEST(TileCacheFileUtil, AnEmptySffThatDoesNotFitLeavesTheOldFile) {
+  const fs::path path = TempDir() / "full.sff";
+  { std::ofstream(path, std::ios::binary) << "tile"; }
+  {
+    test::FileSizeLimit limit(4);
+    EXPECT_FALSE(Util::CreateEmptySff(W(path).c_str()));
+  }
+  EXPECT_EQ(Contents(path), "tile");
+  EXPECT_TRUE(test::Leftovers(TempDir()).empty());
 }
 
 TEST(CacheFolderUtil, MapsFilesUnderTheFirstMatchingRoot) {

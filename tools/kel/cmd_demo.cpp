@@ -14,6 +14,7 @@
 
 #include "commands.h"
 #include "options.h"
+#include "progress_view.h"
 
 namespace {
 
@@ -69,6 +70,9 @@ Mesh Building(double x, double y, double w, double d, double h) {
 }
 
 void WriteTile(const std::string& path, const std::vector<Mesh>& meshes) {
+  tool::Task task(L"write " + kel::Utf8String2WString(std::filesystem::path(path).filename().string()),
+                  static_cast<std::int64_t>(meshes.size()));
+  // The tile appears only on commit(): an interruption or failure leaves no half-written tile.
   kel::sff_file_os file(path.c_str());
   kel::sff_writer writer(file, true, 1);  // level 1: ~6x faster than the default, within 2 % in size
   writer.beginAt();
@@ -77,8 +81,11 @@ void WriteTile(const std::string& path, const std::vector<Mesh>& meshes) {
     writer.writePositions(meshes[i].xyz.data(), meshes[i].xyz.size() / 3);
     writer.writeIntegers(meshes[i].indices.data(), meshes[i].indices.size());
     writer.end();
+    task.step(static_cast<std::int64_t>(i) + 1);
   }
   writer.end();
+  writer.finish();
+  file.commit();
 }
 
 void Heading(const std::string& text) { std::printf("\n== %s\n", text.c_str()); }
@@ -151,8 +158,8 @@ int RunDemo(const DemoArgs& a) {
   std::printf("\nroof of the first building:\n");
   if (int rc = tool::RunKel({"pick", tilePath, std::to_string(cx), std::to_string(cy)})) return rc;
   std::printf("\nopen ground:\n");
-  if (int rc = tool::RunKel({"pick", tilePath, std::to_string(region.max.x() - 30), std::to_string(region.max.y() - 30)}))
-    return rc;
+  const std::string gx = std::to_string(region.max.x() - 30), gy = std::to_string(region.max.y() - 30);
+  if (int rc = tool::RunKel({"pick", tilePath, gx, gy})) return rc;
   const std::string heightmap = outDir + "/heightmap.png";
   if (int rc = tool::RunKel({"pick", tilePath, "--heightmap", heightmap, "--size", "384"})) return rc;
   std::printf("\nheightmap of the tile seen from above: %s\n", heightmap.c_str());

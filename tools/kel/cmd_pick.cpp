@@ -4,6 +4,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -14,7 +15,7 @@
 #include "commands.h"
 #include "options.h"
 #include "png_writer.h"
-#include "progress_bar.h"
+#include "progress_view.h"
 
 namespace {
 
@@ -64,17 +65,18 @@ int WriteHeightmap(const kel::SFF2BVH& tile, const std::string& path, long long 
   std::vector<float> heights(std::size_t(n) * n, NAN);
   const double w = double(root.maxX) - root.minX, h = double(root.maxY) - root.minY;
   const double top = double(root.maxZ) + 1.0 + std::fabs(root.maxZ) * 1e-3;
-  cli::ProgressBar bar("heightmap", n);
-  for (std::uint32_t j = 0; j < n; ++j) {
-    for (std::uint32_t i = 0; i < n; ++i) {
-      const double x = root.minX + (i + 0.5) / n * w, y = root.maxY - (j + 0.5) / n * h;
-      const auto r = MakeRay(x, y, top, 0, 0, -1);
-      const PickResult p = Shoot(tile, r);
-      if (p.hit) heights[std::size_t(j) * n + i] = r.origin[2] - p.t;
+  {
+    tool::Task task(L"heightmap " + kel::Utf8String2WString(std::filesystem::path(path).filename().string()), n);
+    for (std::uint32_t j = 0; j < n; ++j) {
+      for (std::uint32_t i = 0; i < n; ++i) {
+        const double x = root.minX + (i + 0.5) / n * w, y = root.maxY - (j + 0.5) / n * h;
+        const auto r = MakeRay(x, y, top, 0, 0, -1);
+        const PickResult p = Shoot(tile, r);
+        if (p.hit) heights[std::size_t(j) * n + i] = r.origin[2] - p.t;
+      }
+      task.step(j + 1);
     }
-    bar.update(j + 1);
   }
-  bar.finish();
 
   float lo = FLT_MAX, hi = -FLT_MAX;
   for (float z : heights)

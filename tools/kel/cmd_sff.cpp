@@ -5,21 +5,23 @@
 #include <memory>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include <kel/kel.h>
 
 #include "commands.h"
 #include "options.h"
-#include "progress_bar.h"
+#include "progress_view.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-// Counts the bytes pulled from a source and moves a progress bar with them.
+// Counts the bytes pulled from a source and moves the task's progress with
+// them; a read after Ctrl-C throws tool::Interrupted.
 class ProgressSource : public kel::sff_input_stream {
 public:
-  ProgressSource(kel::sff_input_stream& inner, cli::ProgressBar& bar) : inner_(inner), bar_(bar) {}
+  ProgressSource(kel::sff_input_stream& inner, tool::Task& task) : inner_(inner), task_(task) {}
   void reset() override {
     inner_.reset();
     done_ = 0;
@@ -27,13 +29,13 @@ public:
   std::size_t read(void* buffer, std::size_t size) override {
     const std::size_t n = inner_.read(buffer, size);
     done_ += n;
-    bar_.update(done_);
+    task_.step(static_cast<std::int64_t>(done_));
     return n;
   }
 
 private:
   kel::sff_input_stream& inner_;
-  cli::ProgressBar& bar_;
+  tool::Task& task_;
   std::uint64_t done_ = 0;
 };
 
@@ -76,6 +78,19 @@ public:
                                                       static_cast<unsigned long long>(t.count),
                                                       static_cast<unsigned long long>(t.bytes));
     std::printf("max depth %d\n", maxDepth_);
+    // Picking reads a mesh's indices from the integer record only; a mesh
+    // without one becomes a plain triangle list of its vertices.
+    std::printf("meshes ('C' nodes with positions): %llu, without an index array (integers, tag 41 / type 19): %zu\n",
+                static_cast<unsigned long long>(meshes_), unindexed_.size());
+    std::size_t withArray4 = 0;
+    for (const auto& m : unindexed_) withArray4 += m.array4;
+    if (withArray4)
+      std::printf("  %zu of them carry a block of 4-byte elements (array4, tag 43 / type 23), which is not an index array\n",
+                  withArray4);
+    for (std::size_t i = 0; i < unindexed_.size() && i < 20; ++i)
+      std::printf("  C id %llu: %llu vertices%s\n", static_cast<unsigned long long>(unindexed_[i].id),
+                  static_cast<unsigned long long>(unindexed_[i].vertices), unindexed_[i].array4 ? ", array4" : "");
+    if (unindexed_.size() > 20) std::printf("  ... and %zu more\n", unindexed_.size() - 20);
   }
 
   void unknownRecord(std::uint32_t tag, std::uint32_t type, const void*, std::size_t n) override {
@@ -84,7 +99,10 @@ public:
   void beginAt(std::uint64_t id) override { open(64, id); }
   void beginA(std::uint64_t id) override { open(65, id); }
   void beginB(std::uint64_t id) override { open(66, id); }
-  void beginC(std::uint64_t id) override { open(67, id); }
+  void beginC(std::uint64_t id) override {
+    open(67, id);
+    open_.push_back({id, 0, false, false});
+  }
   void beginD(std::uint64_t id) override { open(68, id); }
   void beginF(std::uint64_t id) override { open(70, id); }
   void beginE(std::uint64_t id) override { open(69, id); }
@@ -93,16 +111,31 @@ public:
   void end(std::uint32_t type, std::uint64_t) override {
     --depth_;
     count("node " + NodeName(type) + " end", 0);
+    if (type == 67 && !open_.empty()) {
+      const Mesh m = open_.back();
+      open_.pop_back();
+      if (m.vertices) ++meshes_;
+      if (m.vertices && !m.indexed) unindexed_.push_back(m);
+    }
   }
   void reference(std::uint64_t id) override { line("reference", 0, std::to_string(id)); }
-  void positions(const void*, std::size_t n) override { array("positions", n, 12); }
+  void positions(const void*, std::size_t n) override {
+    array("positions", n, 12);
+    if (!open_.empty()) open_.back().vertices += n;
+  }
   void array24(const void*, std::size_t n) override { array("array24", n, 24); }
   void normals(const void*, std::size_t n) override { array("normals", n, 12); }
   void array8(const void*, std::size_t n, std::uint32_t extra) override {
     line("array8", n * 8, std::to_string(n) + " x 8 bytes, extra " + std::to_string(extra));
   }
-  void indices(const void*, std::size_t n) override { array("indices", n, 4); }
-  void integers(const std::uint64_t*, std::size_t n) override { line("integers", n * 8, std::to_string(n) + " values"); }
+  void array4(const void*, std::size_t n) override {
+    array("array4", n, 4);
+    if (!open_.empty()) open_.back().array4 = true;
+  }
+  void integers(const std::uint64_t*, std::size_t n) override {
+    line("integers", n * 8, std::to_string(n) + " values");
+    if (!open_.empty()) open_.back().indexed = true;
+  }
   void string34(const char* t, std::size_t n) override { line("string34", n, Quote(t, n)); }
   void string32(const char* t, std::size_t n) override { line("string32", n, Quote(t, n)); }
   void block21(const void*, std::size_t n) override { line("block21", n, std::to_string(n) + " bytes"); }
@@ -148,10 +181,18 @@ private:
     if (++depth_ > maxDepth_) maxDepth_ = depth_;
   }
 
+  struct Mesh {
+    std::uint64_t id, vertices;
+    bool indexed, array4;
+  };
+
   bool summary_;
   int depth_ = 0;
   int maxDepth_ = 0;
   std::map<std::string, Total> totals_;
+  std::vector<Mesh> open_;       // 'C' nodes being read, innermost last
+  std::vector<Mesh> unindexed_;  // meshes with vertices and no integer record
+  std::uint64_t meshes_ = 0;
 };
 
 struct SffArgs {
@@ -175,21 +216,18 @@ int Convert(const SffArgs& a, bool compress) {
   if (fs::equivalent(fs::path(inPath), fs::path(outPath), ec))
     throw tool::UsageError("IN and OUT must be different files");
   kel::sff_file_is file(inPath.c_str());
-  std::uint64_t records = 0;
-  try {
-    kel::sff_file_os out(outPath.c_str());
-    cli::ProgressBar bar(compress ? "pack" : "unpack", FileSize(inPath));
-    ProgressSource in(file, bar);
-    kel::sff_writer writer(out, compress, static_cast<int>(a.level));
-    kel::sff_copy_callback copy(writer);
-    kel::sff_reader().read(in, copy);
-    writer.finish();
-    bar.finish();
-    records = copy.records();
-  } catch (...) {
-    fs::remove(fs::path(outPath), ec);  // no half-written output
-    throw;
-  }
+  // OUT is replaced only once every record is written and the file closed:
+  // a failure, a full disk, Ctrl-C or a kill leaves what was there.
+  kel::sff_file_os out(outPath.c_str());
+  tool::Task task(kel::Utf8String2WString((compress ? "pack " : "unpack ") + fs::path(inPath).filename().string()),
+                  static_cast<std::int64_t>(FileSize(inPath)));
+  ProgressSource in(file, task);
+  kel::sff_writer writer(out, compress, static_cast<int>(a.level));
+  kel::sff_copy_callback copy(writer);
+  kel::sff_reader().read(in, copy);
+  writer.finish();
+  out.commit();
+  const std::uint64_t records = copy.records();
   std::printf("%s -> %s: %llu records, %llu -> %llu bytes\n", inPath.c_str(), outPath.c_str(),
               static_cast<unsigned long long>(records), static_cast<unsigned long long>(FileSize(inPath)),
               static_cast<unsigned long long>(FileSize(outPath)));
@@ -219,8 +257,8 @@ void AddSffCommands(CLI::App& app) {
   cmd->add_option("OUT", a->out, "compressed SFF file to write")->required();
   tool::AddInt(*cmd, "--level", a->level, -1, 9, "zlib level 0-9, or -1 for zlib's default (6)");
 
-  cmd = tool::AddCommand(*group, "unpack", "decompress an SFF file (SFF0)", "Copies every record of IN into a plain OUT.",
-                         [a] { return Convert(*a, false); });
+  cmd = tool::AddCommand(*group, "unpack", "decompress an SFF file (SFF0)",
+                         "Copies every record of IN into a plain OUT.", [a] { return Convert(*a, false); });
   cmd->add_option("IN", a->in, "SFF file to read")->required();
   cmd->add_option("OUT", a->out, "plain SFF file to write")->required();
 }

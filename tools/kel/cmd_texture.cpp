@@ -13,7 +13,7 @@
 #include "commands.h"
 #include "options.h"
 #include "png_writer.h"
-#include "progress_bar.h"
+#include "progress_view.h"
 
 namespace {
 
@@ -85,15 +85,25 @@ int RunConvert(const ConvertArgs& a) {
   if (inputs.size() == 1 && !fs::is_directory(out)) {
     const std::string ext = Lower(fs::path(out).extension().string());
     if (ext != ".dds" && ext != ".png") throw tool::UsageError("OUT must end in .dds or .png (or be a directory)");
-    auto image = LoadRgba(inputs[0]);
+    std::shared_ptr<IImage> image, encoded;
+    {
+      tool::Task task(kel::Utf8String2WString("convert " + fs::path(inputs[0]).filename().string()), 3);
+      image = LoadRgba(inputs[0]);
+      task.step(1);
+      if (ext == ".png") {
+        SavePng(*image, out);
+      } else {
+        encoded = Encode(image, FormatFor(target, *image), mipmaps, exact);
+        task.step(2);
+        SaveDds(encoded, out);
+      }
+      task.progress().finish();
+    }
     if (ext == ".png") {
-      SavePng(*image, out);
       std::printf("%s: %llux%llu RGBA -> %s\n", inputs[0].c_str(), static_cast<unsigned long long>(image->width()),
                   static_cast<unsigned long long>(image->height()), out.c_str());
       return 0;
     }
-    auto encoded = Encode(image, FormatFor(target, *image), mipmaps, exact);
-    SaveDds(encoded, out);
     static const char* kNames[] = {"RGBA", "BGRA", "DXT1", "DXT5"};
     std::printf("%s: %llux%llu %s, %llu level(s) -> %s\n", inputs[0].c_str(),
                 static_cast<unsigned long long>(encoded->width()), static_cast<unsigned long long>(encoded->height()),
@@ -109,35 +119,52 @@ int RunConvert(const ConvertArgs& a) {
   std::error_code ec;
   fs::create_directories(out, ec);
   if (!fs::is_directory(out)) throw tool::UsageError("OUT must be a directory when converting several inputs");
-  cli::ProgressBar bar("texture convert", inputs.size() * 2);
-  std::vector<std::shared_ptr<const IImage>> images(inputs.size());
-  std::vector<IImage::Format> formats(inputs.size());
-  for (std::size_t i = 0; i < inputs.size(); ++i) {
-    auto rgba = LoadRgba(inputs[i]);
-    formats[i] = FormatFor(target, *rgba);
-    images[i] = mipmaps || !IImage::IsCompressed(formats[i]) ? Encode(rgba, formats[i], mipmaps, exact)
-                                                              : ImageUtil::AdjustImageForCompression(rgba, exact, nullptr);
-    bar.update(i + 1);
-  }
-  if (!mipmaps) {
-    // One parallel codec pass per DXT format over the images that want it.
-    for (IImage::Format f : {IImage::DXT1, IImage::DXT5}) {
-      std::vector<std::size_t> which;
-      std::vector<std::shared_ptr<const IImage>> batch;
-      for (std::size_t i = 0; i < inputs.size(); ++i)
-        if (formats[i] == f) which.push_back(i), batch.push_back(images[i]);
-      if (batch.empty()) continue;
-      kel::IDataArray<std::shared_ptr<const IImage>> view{batch.data(), static_cast<std::uint32_t>(batch.size())};
-      ImageUtil::CompressImages(view, f);
-      for (std::size_t k = 0; k < which.size(); ++k) images[which[k]] = batch[k];
+  {
+    // Three phases, each with its own bar beneath the command's.
+    tool::Task task(L"texture convert", 3);
+    const auto count = static_cast<std::int64_t>(inputs.size());
+    std::vector<std::shared_ptr<const IImage>> images(inputs.size());
+    std::vector<IImage::Format> formats(inputs.size());
+    {
+      kel::Progress loading(L"load and resize", count);
+      for (std::size_t i = 0; i < inputs.size(); ++i) {
+        auto rgba = LoadRgba(inputs[i]);
+        formats[i] = FormatFor(target, *rgba);
+        images[i] = mipmaps || !IImage::IsCompressed(formats[i])
+                        ? Encode(rgba, formats[i], mipmaps, exact)
+                        : ImageUtil::AdjustImageForCompression(rgba, exact, nullptr);
+        tool::Step(loading, static_cast<std::int64_t>(i) + 1);
+      }
     }
+    task.step(1);
+    if (!mipmaps) {
+      // One parallel codec pass per DXT format over the images that want it.
+      kel::Progress compressing(L"compress", 2);
+      int pass = 0;
+      for (IImage::Format f : {IImage::DXT1, IImage::DXT5}) {
+        std::vector<std::size_t> which;
+        std::vector<std::shared_ptr<const IImage>> batch;
+        for (std::size_t i = 0; i < inputs.size(); ++i)
+          if (formats[i] == f) which.push_back(i), batch.push_back(images[i]);
+        if (!batch.empty()) {
+          kel::IDataArray<std::shared_ptr<const IImage>> view{batch.data(), static_cast<std::uint32_t>(batch.size())};
+          ImageUtil::CompressImages(view, f);
+          for (std::size_t k = 0; k < which.size(); ++k) images[which[k]] = batch[k];
+        }
+        tool::Step(compressing, ++pass);
+      }
+    }
+    task.step(2);
+    {
+      kel::Progress writing(L"write", count);
+      for (std::size_t i = 0; i < inputs.size(); ++i) {
+        const std::string path = (fs::path(out) / fs::path(inputs[i]).stem()).string() + ".dds";
+        SaveDds(std::const_pointer_cast<IImage>(images[i]), path);
+        tool::Step(writing, static_cast<std::int64_t>(i) + 1);
+      }
+    }
+    task.progress().finish();
   }
-  for (std::size_t i = 0; i < inputs.size(); ++i) {
-    const std::string path = (fs::path(out) / fs::path(inputs[i]).stem()).string() + ".dds";
-    SaveDds(std::const_pointer_cast<IImage>(images[i]), path);
-    bar.update(inputs.size() + i + 1);
-  }
-  bar.finish();
   std::printf("%zu texture(s) written to %s\n", inputs.size(), out.c_str());
   return 0;
 }

@@ -1,12 +1,13 @@
 #include "logging.h"
 
-#include <cstdio>
 #include <string>
 
 #include <log4cplus/appender.h>
 #include <log4cplus/logger.h>
 #include <log4cplus/loglevel.h>
 #include <log4cplus/spi/loggingevent.h>
+
+#include "progress_view.h"
 
 namespace tool {
 namespace {
@@ -29,10 +30,14 @@ public:
 protected:
   void append(const log4cplus::spi::InternalLoggingEvent& event) override {
     std::string text = event.getMessage();
+    // The drawing thread skips a frame when a worker holds the progress
+    // tree; that is no news to the user.
+    if (text == "Progress info already locked" && event.getLogLevel() < log4cplus::ERROR_LOG_LEVEL &&
+        log4cplus::Logger::getRoot().getLogLevel() > log4cplus::DEBUG_LOG_LEVEL)
+      return;
     for (char& c : text)
       if (c == '\n' || c == '\r') c = ' ';
-    std::fprintf(stderr, "kel: %s: %s\n", LevelWord(event.getLogLevel()), text.c_str());
-    std::fflush(stderr);
+    ConsoleLine(std::string("kel: ") + LevelWord(event.getLogLevel()) + ": " + text);
   }
 };
 

@@ -1,5 +1,6 @@
 // kel: the command-line face of the kel library.
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <memory>
@@ -11,6 +12,7 @@
 #include "commands.h"
 #include "logging.h"
 #include "options.h"
+#include "progress_view.h"
 
 namespace tool {
 namespace {
@@ -21,7 +23,7 @@ struct Globals {
 };
 
 std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
-  auto app = std::make_unique<CLI::App>("kel: tiles, SFF scene files, textures and picking from the command line",
+  auto app = std::make_unique<CLI::App>("kel: tiles, SFF scene files, textures, picking and coordinate systems from the command line",
                                         "kel");
   app->require_subcommand(1);
   // Global flags may also follow the command words ("kel sff pack A B --verbose").
@@ -35,6 +37,9 @@ std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
   AddPickCommands(*app);
   AddDdsCommands(*app);
   AddTextureCommands(*app);
+  AddSrsCommands(*app);
+  AddBagCommands(*app);
+  AddFeatureCommands(*app);
   AddDemoCommands(*app);
   AddGeomCommands(*app);
   return app;
@@ -48,7 +53,7 @@ std::string OneLine(std::string text) {
 }
 
 int Fail(int code, const std::string& message) {
-  std::fprintf(stderr, "kel: %s\n", OneLine(message).c_str());
+  ConsoleLine("kel: " + OneLine(message));
   return code;
 }
 
@@ -77,6 +82,8 @@ int RunKel(const std::vector<std::string>& args) {
     return run();
   } catch (const UsageError& e) {
     return Fail(2, e.what());
+  } catch (const Interrupted&) {
+    return Fail(130, "interrupted");
   } catch (const kel::wexception& e) {
     return Fail(1, kel::WString2Utf8String(e.message()));
   } catch (const std::exception& e) {
@@ -87,6 +94,10 @@ int RunKel(const std::vector<std::string>& args) {
 }  // namespace tool
 
 int main(int argc, char** argv) {
+  tool::ProgressView view;  // first: it blocks Ctrl-C for every thread started later
+  // A file size limit (ulimit -f) then fails the write with EFBIG, which the
+  // library reports and cleans up after, instead of killing the process.
+  std::signal(SIGXFSZ, SIG_IGN);
   tool::ConfigureLogging();
   std::vector<std::string> args(argv + 1, argv + argc);
   if (!args.empty() && args[0] == "help") args[0] = "--help";

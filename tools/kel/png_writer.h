@@ -1,5 +1,7 @@
 // Writes 8-bit RGBA or grey pictures as PNG for the kel tool (heightmaps,
-// decoded textures). Throws std::runtime_error when the file cannot be written.
+// decoded textures), through a temporary file renamed into place: a failed
+// write leaves the old picture. Throws std::runtime_error or kel::wexception
+// when the file cannot be written.
 #pragma once
 
 #include <cstdint>

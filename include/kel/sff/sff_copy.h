@@ -37,7 +37,7 @@ public:
   void array24(const void* data, std::size_t count) override;
   void normals(const void* data, std::size_t count) override;
   void array8(const void* data, std::size_t count, std::uint32_t extra) override;
-  void indices(const void* data, std::size_t count) override;
+  void array4(const void* data, std::size_t count) override;
   void integers(const std::uint64_t* values, std::size_t count) override;
   void string34(const char* text, std::size_t size) override;
   void string32(const char* text, std::size_t size) override;

@@ -1,5 +1,7 @@
-// File and memory byte streams for SFF data. Paths are UTF-8. Failures to
-// open throw kel::wexception; later write failures (a full disk) go unnoticed.
+// File and memory byte streams for SFF data. Paths are UTF-8. Failures throw
+// kel::wexception. A file written through sff_file_os appears whole under its
+// name or not at all (see kel::AtomicFile): a full disk, a killed process or
+// an exception leave the previous file untouched.
 #pragma once
 
 #include <cstddef>
@@ -7,13 +9,21 @@
 #include <cstdio>
 #include <vector>
 
+#include "kel/core/atomic_file.h"
 #include "kel/export.h"
 #include "kel/sff/sff_stream.h"
 
 namespace kel {
 
-// Creates (truncates) a file for binary writing; closes it on destruction.
-// Throws "Failed to create SFF file." when the file cannot be created.
+// Writes a file for binary output through a temporary beside it. Throws
+// "Failed to create SFF file." when the temporary cannot be created and
+// "Failed to write SFF file." when a write or the close fails.
+//
+// The file replaces the target at commit(), or in the destructor when no
+// exception is unwinding and nothing failed. The destructor cannot throw, so
+// a failure there is only logged: callers that must know (a tool's exit code)
+// destroy or finish() their sff_writer and call commit(). An exception
+// unwinding through the destructor, or discard(), leaves the target alone.
 class KEL_API sff_file_os final : public sff_output_stream {
 public:
   explicit sff_file_os(const char* utf8Path);
@@ -22,9 +32,16 @@ public:
   sff_file_os& operator=(const sff_file_os&) = delete;
 
   void write(const void* data, std::size_t size) override;
+  // Puts the file in place. Throws "Failed to write SFF file." when any write,
+  // the flush or the close failed, leaving the old file. Once only.
+  void commit();
+  // Gives the file up: the target keeps its old content. Later writes throw.
+  void discard() noexcept;
 
 private:
-  std::FILE* file_;
+  AtomicFile file_;
+  int uncaught_;         // exceptions in flight at construction
+  bool failed_ = false;  // a write threw: the caller knows, the file is gone
 };
 
 // Opens a file for binary reading; closes it on destruction. Throws

@@ -53,9 +53,11 @@ public:
   virtual void normals(const void* /*data*/, std::size_t /*count*/) {}
   // Tag 33 / type 18: count 8-byte elements and the record's extra count.
   virtual void array8(const void* /*data*/, std::size_t /*count*/, std::uint32_t /*extra*/) {}
-  // Tag 43 / type 23: count 4-byte elements.
-  virtual void indices(const void* /*data*/, std::size_t /*count*/) {}
-  // Tag 41 / type 19: the decoded varints (8-byte aligned).
+  // Tag 43 / type 23: a block of count 4-byte elements (not a mesh's index
+  // array, which is integers()).
+  virtual void array4(const void* /*data*/, std::size_t /*count*/) {}
+  // Tag 41 / type 19: the decoded varints (8-byte aligned); inside a 'C'
+  // node, the mesh's index array.
   virtual void integers(const std::uint64_t* /*values*/, std::size_t /*count*/) {}
   // Tag 42 / type 34, then type 32: string bytes, no terminator.
   virtual void string34(const char* /*text*/, std::size_t /*size*/) {}

@@ -81,12 +81,14 @@ public:
   void writeNormals(const float* xyz, std::size_t count);
   // Tag 38, type 16: 24-byte elements.
   void writeArray24(const void* data, std::size_t count);
-  // Tag 43, type 23: 32-bit indices.
-  void writeIndices(const std::uint32_t* values, std::size_t count);
+  // Tag 43, type 23: a block of 4-byte elements. Not a mesh's index array:
+  // readers of meshes (SFF2BVH) take indices from writeIntegers' tag 41 /
+  // type 19 record only.
+  void writeArray4(const void* data, std::size_t count);
   // Tag 43, type 21, 22 or 100: a raw block of `size` bytes.
   void writeBlock(std::uint32_t type, const void* data, std::size_t size);
   // Tag 41, type 19 (or 101): integers as a run of varints, which suits
-  // small values. Values must be below 2^56 (the reader counts the varints by
+  // small values. Type 19 inside a 'C' node is a mesh's index array. Values must be below 2^56 (the reader counts the varints by
   // their final bytes, which the nine-byte form does not have).
   void writeIntegers(const std::uint32_t* values, std::size_t count, std::uint32_t type = 19);
   void writeIntegers(const std::uint64_t* values, std::size_t count, std::uint32_t type = 19);

@@ -35,9 +35,9 @@ private:
 };
 
 // Decompresses the zlib stream read from `source` (not owned, must outlive
-// this stream). Bytes after the end of the zlib stream are ignored. A source
-// that ends early makes read() return fewer bytes than asked. Throws
-// "Inflate init error." or "Inflate error.".
+// this stream). Bytes after the end of the zlib stream are ignored. Throws
+// "Inflate init error.", or "Inflate error." for corrupt data and for a
+// source that runs dry before the end of the zlib stream (a cut file).
 class KEL_API inflating_input_stream final : public sff_input_stream {
 public:
   explicit inflating_input_stream(sff_input_stream& source);
