@@ -14,7 +14,7 @@
 // median time / ours) from the median iterations.
 #define GEOS_USE_ONLY_R_API
 #include <geos_c.h>
-#include <sys/wait.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -449,34 +449,57 @@ long StatusKiB(const char* key) {
   return -1;
 }
 
-// Runs `body` in a child process and returns how far its resident set rose
-// above where it started (KiB), with the number `body` returns.
-template <class F>
-long PeakGrowthInChild(F&& body, double* extra = nullptr) {
-  int fds[2];
-  if (pipe(fds) != 0) return -1;
-  const pid_t pid = fork();
-  if (pid == 0) {
-    ::close(fds[0]);
-    // A child inherits its parent's peak; start it again from here.
-    std::ofstream("/proc/self/clear_refs") << "5";
-    const long start = StatusKiB("VmRSS:");
-    const double value = body();
-    const double out[2] = {double(StatusKiB("VmHWM:") - start), value};
-    (void)!write(fds[1], out, sizeof out);
-    _exit(0);
+// One side's memory for one polygon, measured in a fresh process (this
+// binary run again with --memory_child=POLYGON:SIDE): it builds the polygon
+// (and, for GEOS, GEOS's copy), restarts its peak from there, then builds
+// the index and runs the queries. malloc returns freed memory at once, so
+// the resident set counts live memory only and nothing freed earlier is
+// silently reused. Prints the peak growth in bytes and our index's file
+// bytes.
+int MemoryChild(const std::string& spec) {
+  mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+  mallopt(M_TRIM_THRESHOLD, 128 * 1024);
+  const std::size_t colon = spec.rfind(':');
+  const std::string name = spec.substr(0, colon), side = spec.substr(colon + 1);
+  std::string why;
+  std::shared_ptr<GeometryBuffer> poly = MakePolygon(name, why);
+  if (!poly) return 1;
+  const std::vector<Vec2d> queries = Queries(*poly, false);
+  GeomPtr geos = side == "geos" ? ToGeos(*poly) : nullptr;
+  if (side == "geos") poly.reset();  // each side holds its own polygon only
+  malloc_trim(0);
+  std::ofstream("/proc/self/clear_refs") << "5";
+  const long start = StatusKiB("VmRSS:");
+  double fileBytes = 0;
+  int in = 0;
+  if (side == "kel") {
+    kel::PointInPolygonChecker checker(poly);
+    for (const Vec2d& p : queries) in += checker.PointInPolygon(p);
+    fileBytes = double(checker.indexFileBytes());
+  } else {
+    const GEOSPreparedGeometry* prepared = GEOSPrepare_r(G().h, geos.get());
+    for (const Vec2d& p : queries) {
+      GeomPtr pt(GEOSGeom_createPointFromXY_r(G().h, p.x(), p.y()));
+      in += GEOSPreparedContains_r(G().h, prepared, pt.get());
+    }
+    GEOSPreparedGeom_destroy_r(G().h, prepared);
   }
-  ::close(fds[1]);
-  double in[2] = {-1, 0};
-  (void)!read(fds[0], in, sizeof in);
-  ::close(fds[0]);
-  waitpid(pid, nullptr, 0);
-  if (extra) *extra = in[1];
-  return long(in[0]);
+  benchmark::DoNotOptimize(in);
+  std::printf("%.0f %.0f\n", 1024.0 * double(StatusKiB("VmHWM:") - start), fileBytes);
+  return 0;
+}
+
+// Peak growth in bytes (and file bytes) of one side, from a fresh process.
+bool MeasureInChild(const std::string& name, const std::string& side, double& bytes, double& fileBytes) {
+  const std::string cmd = "'" + fs::read_symlink("/proc/self/exe").string() + "' '--memory_child=" + name + ":" + side + "'";
+  std::FILE* child = popen(cmd.c_str(), "r");
+  if (!child) return false;
+  const bool ok = std::fscanf(child, "%lf %lf", &bytes, &fileBytes) == 2;
+  return pclose(child) == 0 && ok;
 }
 
 void MemoryReport() {
-  std::printf("\nmemory beyond each side's own polygon, bytes per vertex (peak RSS of a child\n"
+  std::printf("\nmemory beyond each side's own polygon, bytes per vertex (peak RSS of a fresh\n"
               "process that builds the structure and runs the queries, less its RSS when it\n"
               "held only the polygon):\n");
   std::printf("  %-15s %10s %8s %8s %9s %15s\n", "polygon", "vertices", "kel", "GEOS", "kel/GEOS", "kel index files");
@@ -487,31 +510,14 @@ void MemoryReport() {
       std::printf("  %-15s skipped: %s\n", name.c_str(), c.skip.c_str());
       continue;
     }
-    const GeomPtr geos = ToGeos(*c.polygon);  // the GEOS side's own polygon, made before forking
+    double kel = 0, geos = 0, fileBytes = 0, unused = 0;
+    if (!MeasureInChild(name, "kel", kel, fileBytes) || !MeasureInChild(name, "geos", geos, unused)) {
+      std::printf("  %-15s the measuring process failed\n", name.c_str());
+      continue;
+    }
     const double n = c.polygon->pointCount();
-    double fileBytes = 0;
-    const long kel = PeakGrowthInChild(
-        [&] {
-          kel::PointInPolygonChecker checker(c.polygon);
-          int in = 0;
-          for (const Vec2d& p : c.queries) in += checker.PointInPolygon(p);
-          benchmark::DoNotOptimize(in);
-          return double(checker.indexFileBytes());
-        },
-        &fileBytes);
-    const long theirs = PeakGrowthInChild([&] {
-      const GEOSPreparedGeometry* prepared = GEOSPrepare_r(G().h, geos.get());
-      int in = 0;
-      for (const Vec2d& p : c.queries) {
-        GeomPtr pt(GEOSGeom_createPointFromXY_r(G().h, p.x(), p.y()));
-        in += GEOSPreparedContains_r(G().h, prepared, pt.get());
-      }
-      benchmark::DoNotOptimize(in);
-      return 0.0;
-    });
-    const double kelPer = 1024.0 * double(kel) / n, geosPer = 1024.0 * double(theirs) / n;
-    std::printf("  %-15s %10.0f %8.1f %8.1f %9.2f %12.1f MB\n", name.c_str(), n, kelPer, geosPer,
-                geosPer > 0 ? kelPer / geosPer : 0.0, fileBytes / 1e6);
+    std::printf("  %-15s %10.0f %8.1f %8.1f %9.2f %12.1f MB\n", name.c_str(), n, kel / n, geos / n,
+                geos > 0 ? kel / geos : 0.0, fileBytes / 1e6);
   }
 }
 
@@ -551,6 +557,10 @@ void Register() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && std::string(argv[1]).rfind("--memory_child=", 0) == 0) {
+    kel::Log::setSilent(true);
+    return MemoryChild(std::string(argv[1]).substr(15));
+  }
   bool memory = true;
   for (int i = 1; i < argc; ++i)
     if (std::string(argv[i]) == "--no_memory") {
