@@ -14,7 +14,7 @@
 // median time / ours) from the median iterations.
 #define GEOS_USE_ONLY_R_API
 #include <geos_c.h>
-#include <sys/wait.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -200,32 +200,53 @@ std::shared_ptr<GeometryBuffer> Borders(const std::string& which, std::string& w
   return FromGeos(world.get());
 }
 
+// A case is a polygon and a query order: uniform random points in its box,
+// or ("rows") a 256 x 256 grid of its box walked row by row, as a raster
+// mask would ask.
 struct PipCase {
   std::string name;
+  std::string polygonName;
   std::shared_ptr<GeometryBuffer> polygon;
   std::vector<Vec2d> queries;
   std::string skip;  // why the case cannot run, if it cannot
 };
 
 std::shared_ptr<GeometryBuffer> MakePolygon(const std::string& name, std::string& why) {
-  if (name == "star 1M") return NoisyStar(1'000'000, 1);
-  if (name == "star 10M") return NoisyStar(10'000'000, 2);
-  if (name == "border largest") return Borders("largest", why);
+  if (name == "star_1M") return NoisyStar(1'000'000, 1);
+  if (name == "star_10M") return NoisyStar(10'000'000, 2);
+  if (name == "border_largest") return Borders("largest", why);
   return Borders("world", why);
 }
 
 const std::vector<std::string>& PipNames() {
-  static const std::vector<std::string> names{"star 1M", "star 10M", "border largest", "border world"};
+  static const std::vector<std::string> names{"star_1M",       "star_1M_rows",   "star_10M",
+                                              "star_10M_rows", "border_largest", "border_world"};
   return names;
 }
 
-std::vector<Vec2d> Queries(const GeometryBuffer& poly, unsigned seed) {
-  std::mt19937 rng(seed);
+std::vector<Vec2d> Queries(const GeometryBuffer& poly, bool rows) {
+  std::mt19937 rng(7);
   const auto box = poly.GetBBox2d();
   std::uniform_real_distribution<double> ux(box.min.x(), box.max.x()), uy(box.min.y(), box.max.y());
   std::vector<Vec2d> q(kQueries);
-  for (Vec2d& p : q) p = Vec2d(ux(rng), uy(rng));
+  for (int i = 0; i < kQueries; ++i)
+    q[std::size_t(i)] = rows ? Vec2d(box.min.x() + (i % 256 + 0.5) / 256 * (box.max.x() - box.min.x()),
+                                     box.min.y() + (i / 256 + 0.5) / 256 * (box.max.y() - box.min.y()))
+                             : Vec2d(ux(rng), uy(rng));
   return q;
+}
+
+// Polygons are shared by the cases that query them.
+std::shared_ptr<GeometryBuffer> Polygon(const std::string& name, std::string& why) {
+  static std::map<std::string, std::pair<std::shared_ptr<GeometryBuffer>, std::string>> made;
+  auto it = made.find(name);
+  if (it == made.end()) {
+    std::string failure;
+    auto poly = MakePolygon(name, failure);
+    it = made.emplace(name, std::make_pair(poly, failure)).first;
+  }
+  why = it->second.second;
+  return it->second.first;
 }
 
 PipCase& Case(const std::string& name) {
@@ -234,16 +255,34 @@ PipCase& Case(const std::string& name) {
   if (it != cases.end()) return it->second;
   PipCase c;
   c.name = name;
-  c.polygon = MakePolygon(name, c.skip);
-  if (c.polygon) c.queries = Queries(*c.polygon, 7);
+  const bool rows = name.size() > 5 && name.compare(name.size() - 5, 5, "_rows") == 0;
+  c.polygonName = rows ? name.substr(0, name.size() - 5) : name;
+  c.polygon = Polygon(c.polygonName, c.skip);
+  if (c.polygon) c.queries = Queries(*c.polygon, rows);
   return cases[name] = std::move(c);
 }
 
-// The checker and GEOS for one case, built once; agreement checked once.
-struct PipSides {
+// The checker and GEOS for one polygon, built once.
+struct PipIndexes {
   std::unique_ptr<kel::PointInPolygonChecker> checker;
   GeomPtr geos;
   const GEOSPreparedGeometry* prepared = nullptr;
+};
+
+PipIndexes& Indexes(const PipCase& c) {
+  static std::map<std::string, PipIndexes> made;
+  auto it = made.find(c.polygonName);
+  if (it != made.end()) return it->second;
+  PipIndexes& x = made[c.polygonName];
+  x.checker = std::make_unique<kel::PointInPolygonChecker>(c.polygon);
+  x.geos = ToGeos(*c.polygon);
+  x.prepared = GEOSPrepare_r(G().h, x.geos.get());
+  return x;
+}
+
+// A case's GEOS query points, and its agreement, checked once.
+struct PipSides {
+  PipIndexes* indexes = nullptr;
   std::vector<GeomPtr> points;
   std::string disagreement;
 };
@@ -253,20 +292,20 @@ PipSides& Sides(PipCase& c) {
   auto it = sides.find(c.name);
   if (it != sides.end()) return it->second;
   PipSides& s = sides[c.name];
-  s.checker = std::make_unique<kel::PointInPolygonChecker>(c.polygon);
-  s.geos = ToGeos(*c.polygon);
-  s.prepared = GEOSPrepare_r(G().h, s.geos.get());
+  s.indexes = &Indexes(c);
+  const kel::PointInPolygonChecker& checker = *s.indexes->checker;
+  const GEOSPreparedGeometry* prepared = s.indexes->prepared;
   for (const Vec2d& p : c.queries) s.points.emplace_back(GEOSGeom_createPointFromXY_r(G().h, p.x(), p.y()));
   // Every point where the answers differ must lie on an edge.
   int inside = 0, onEdge = 0;
   const double scale = std::max(c.polygon->GetBBox2d().max.x() - c.polygon->GetBBox2d().min.x(), 1.0);
   for (std::size_t i = 0; i < c.queries.size(); ++i) {
-    const bool ours = s.checker->PointInPolygon(c.queries[i]);
-    const bool theirs = GEOSPreparedContains_r(G().h, s.prepared, s.points[i].get()) == 1;
+    const bool ours = checker.PointInPolygon(c.queries[i]);
+    const bool theirs = GEOSPreparedContains_r(G().h, prepared, s.points[i].get()) == 1;
     inside += theirs;
     if (ours == theirs) continue;
     double d = 0;
-    GEOSPreparedDistance_r(G().h, s.prepared, s.points[i].get(), &d);
+    GEOSPreparedDistance_r(G().h, prepared, s.points[i].get(), &d);
     if (d <= 1e-12 * scale) {
       ++onEdge;
       continue;
@@ -286,7 +325,7 @@ void BM_PipKel(benchmark::State& state, const std::string& name) {
   if (!c.polygon) return state.SkipWithError(("skipped: " + c.skip).c_str());
   PipSides& s = Sides(c);
   if (!s.disagreement.empty()) return Fail(state, s.disagreement);
-  const kel::PointInPolygonChecker& checker = *s.checker;
+  const kel::PointInPolygonChecker& checker = *s.indexes->checker;
   Timed(state, "kel pip " + name, kQueries, [&] {
     int in = 0;
     for (const Vec2d& p : c.queries) in += checker.PointInPolygon(p);
@@ -301,7 +340,7 @@ void BM_PipGeos(benchmark::State& state, const std::string& name) {
   if (!s.disagreement.empty()) return Fail(state, s.disagreement);
   Timed(state, "geos pip " + name, kQueries, [&] {
     int in = 0;
-    for (const GeomPtr& p : s.points) in += GEOSPreparedContains_r(G().h, s.prepared, p.get());
+    for (const GeomPtr& p : s.points) in += GEOSPreparedContains_r(G().h, s.indexes->prepared, p.get());
     benchmark::DoNotOptimize(in);
   });
 }
@@ -410,68 +449,75 @@ long StatusKiB(const char* key) {
   return -1;
 }
 
-// Runs `body` in a child process and returns how far its resident set rose
-// above where it started (KiB), with the number `body` returns.
-template <class F>
-long PeakGrowthInChild(F&& body, double* extra = nullptr) {
-  int fds[2];
-  if (pipe(fds) != 0) return -1;
-  const pid_t pid = fork();
-  if (pid == 0) {
-    ::close(fds[0]);
-    // A child inherits its parent's peak; start it again from here.
-    std::ofstream("/proc/self/clear_refs") << "5";
-    const long start = StatusKiB("VmRSS:");
-    const double value = body();
-    const double out[2] = {double(StatusKiB("VmHWM:") - start), value};
-    (void)!write(fds[1], out, sizeof out);
-    _exit(0);
+// One side's memory for one polygon, measured in a fresh process (this
+// binary run again with --memory_child=POLYGON:SIDE): it builds the polygon
+// (and, for GEOS, GEOS's copy), restarts its peak from there, then builds
+// the index and runs the queries. malloc returns freed memory at once, so
+// the resident set counts live memory only and nothing freed earlier is
+// silently reused. Prints the peak growth in bytes and our index's file
+// bytes.
+int MemoryChild(const std::string& spec) {
+  mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+  mallopt(M_TRIM_THRESHOLD, 128 * 1024);
+  const std::size_t colon = spec.rfind(':');
+  const std::string name = spec.substr(0, colon), side = spec.substr(colon + 1);
+  std::string why;
+  std::shared_ptr<GeometryBuffer> poly = MakePolygon(name, why);
+  if (!poly) return 1;
+  const std::vector<Vec2d> queries = Queries(*poly, false);
+  GeomPtr geos = side == "geos" ? ToGeos(*poly) : nullptr;
+  if (side == "geos") poly.reset();  // each side holds its own polygon only
+  malloc_trim(0);
+  std::ofstream("/proc/self/clear_refs") << "5";
+  const long start = StatusKiB("VmRSS:");
+  double fileBytes = 0;
+  int in = 0;
+  if (side == "kel") {
+    kel::PointInPolygonChecker checker(poly);
+    for (const Vec2d& p : queries) in += checker.PointInPolygon(p);
+    fileBytes = double(checker.indexFileBytes());
+  } else {
+    const GEOSPreparedGeometry* prepared = GEOSPrepare_r(G().h, geos.get());
+    for (const Vec2d& p : queries) {
+      GeomPtr pt(GEOSGeom_createPointFromXY_r(G().h, p.x(), p.y()));
+      in += GEOSPreparedContains_r(G().h, prepared, pt.get());
+    }
+    GEOSPreparedGeom_destroy_r(G().h, prepared);
   }
-  ::close(fds[1]);
-  double in[2] = {-1, 0};
-  (void)!read(fds[0], in, sizeof in);
-  ::close(fds[0]);
-  waitpid(pid, nullptr, 0);
-  if (extra) *extra = in[1];
-  return long(in[0]);
+  benchmark::DoNotOptimize(in);
+  std::printf("%.0f %.0f\n", 1024.0 * double(StatusKiB("VmHWM:") - start), fileBytes);
+  return 0;
+}
+
+// Peak growth in bytes (and file bytes) of one side, from a fresh process.
+bool MeasureInChild(const std::string& name, const std::string& side, double& bytes, double& fileBytes) {
+  const std::string cmd = "'" + fs::read_symlink("/proc/self/exe").string() + "' '--memory_child=" + name + ":" + side + "'";
+  std::FILE* child = popen(cmd.c_str(), "r");
+  if (!child) return false;
+  const bool ok = std::fscanf(child, "%lf %lf", &bytes, &fileBytes) == 2;
+  return pclose(child) == 0 && ok;
 }
 
 void MemoryReport() {
-  std::printf("\nmemory beyond each side's own polygon, bytes per vertex (peak RSS of a child\n"
+  std::printf("\nmemory beyond each side's own polygon, bytes per vertex (peak RSS of a fresh\n"
               "process that builds the structure and runs the queries, less its RSS when it\n"
               "held only the polygon):\n");
   std::printf("  %-15s %10s %8s %8s %9s %15s\n", "polygon", "vertices", "kel", "GEOS", "kel/GEOS", "kel index files");
   for (const std::string& name : PipNames()) {
     PipCase& c = Case(name);
+    if (c.polygonName != c.name) continue;  // the same polygon as another row
     if (!c.polygon) {
       std::printf("  %-15s skipped: %s\n", name.c_str(), c.skip.c_str());
       continue;
     }
-    const GeomPtr geos = ToGeos(*c.polygon);  // the GEOS side's own polygon, made before forking
+    double kel = 0, geos = 0, fileBytes = 0, unused = 0;
+    if (!MeasureInChild(name, "kel", kel, fileBytes) || !MeasureInChild(name, "geos", geos, unused)) {
+      std::printf("  %-15s the measuring process failed\n", name.c_str());
+      continue;
+    }
     const double n = c.polygon->pointCount();
-    double fileBytes = 0;
-    const long kel = PeakGrowthInChild(
-        [&] {
-          kel::PointInPolygonChecker checker(c.polygon);
-          int in = 0;
-          for (const Vec2d& p : c.queries) in += checker.PointInPolygon(p);
-          benchmark::DoNotOptimize(in);
-          return checker.index() ? double(checker.index()->fileBytes()) : 0.0;
-        },
-        &fileBytes);
-    const long theirs = PeakGrowthInChild([&] {
-      const GEOSPreparedGeometry* prepared = GEOSPrepare_r(G().h, geos.get());
-      int in = 0;
-      for (const Vec2d& p : c.queries) {
-        GeomPtr pt(GEOSGeom_createPointFromXY_r(G().h, p.x(), p.y()));
-        in += GEOSPreparedContains_r(G().h, prepared, pt.get());
-      }
-      benchmark::DoNotOptimize(in);
-      return 0.0;
-    });
-    const double kelPer = 1024.0 * double(kel) / n, geosPer = 1024.0 * double(theirs) / n;
-    std::printf("  %-15s %10.0f %8.1f %8.1f %9.2f %12.1f MB\n", name.c_str(), n, kelPer, geosPer,
-                geosPer > 0 ? kelPer / geosPer : 0.0, fileBytes / 1e6);
+    std::printf("  %-15s %10.0f %8.1f %8.1f %9.2f %12.1f MB\n", name.c_str(), n, kel / n, geos / n,
+                geos > 0 ? kel / geos : 0.0, fileBytes / 1e6);
   }
 }
 
@@ -481,18 +527,28 @@ void Ratio(const std::string& label, const std::string& ours, const std::string&
   std::printf("  %-34s %6.2f\n", label.c_str(), Median(t.at(theirs)) / Median(t.at(ours)));
 }
 
+// Names follow scripts/bench.sh: BM_<case>_<side>/<args>, our side "Kel".
+// Border rows whose data cannot be fetched are left out (with a message),
+// not failed: only a disagreement fails the run.
 void Register() {
   for (const std::string& name : PipNames()) {
-    benchmark::RegisterBenchmark(("kel pip/" + name).c_str(), BM_PipKel, name)
+    if (name.rfind("border", 0) == 0) {
+      std::string why;
+      if (!Polygon(name, why)) {
+        std::printf("skipping point in polygon on %s: %s\n", name.c_str(), why.c_str());
+        continue;
+      }
+    }
+    benchmark::RegisterBenchmark(("BM_Pip_Kel/" + name).c_str(), BM_PipKel, name)
         ->UseManualTime()->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
-    benchmark::RegisterBenchmark(("geos pip/" + name).c_str(), BM_PipGeos, name)
+    benchmark::RegisterBenchmark(("BM_Pip_Geos/" + name).c_str(), BM_PipGeos, name)
         ->UseManualTime()->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
   }
   using Fn = void (*)(benchmark::State&);
-  const std::pair<const char*, Fn> walks[] = {{"kel generalize", BM_GeneralizeKel},
-                                              {"geos simplify", BM_SimplifyGeos},
-                                              {"kel tessellate", BM_TessellateKel},
-                                              {"geos densify", BM_DensifyGeos}};
+  const std::pair<const char*, Fn> walks[] = {{"BM_Generalize_Kel", BM_GeneralizeKel},
+                                              {"BM_Generalize_Geos", BM_SimplifyGeos},
+                                              {"BM_Tessellate_Kel", BM_TessellateKel},
+                                              {"BM_Tessellate_Geos", BM_DensifyGeos}};
   for (const auto& [name, fn] : walks)
     benchmark::RegisterBenchmark(name, fn)
         ->UseManualTime()->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
@@ -501,6 +557,10 @@ void Register() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && std::string(argv[1]).rfind("--memory_child=", 0) == 0) {
+    kel::Log::setSilent(true);
+    return MemoryChild(std::string(argv[1]).substr(15));
+  }
   bool memory = true;
   for (int i = 1; i < argc; ++i)
     if (std::string(argv[i]) == "--no_memory") {

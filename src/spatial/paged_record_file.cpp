@@ -163,7 +163,7 @@ void PagedRecordFile::close() {
 }
 
 void PagedRecordFile::WriteBack(RecordPage& slot, bool free) {
-  if (writable_ && !slot.mapped && slot.data && slot.firstRecord >= 0) {
+  if (writable_ && !slot.mapped && slot.dirty && slot.data && slot.firstRecord >= 0) {
     const std::uint32_t first = std::uint32_t(slot.firstRecord);
     const std::uint32_t n = recordCount_ > first ? std::min(recordCount_ - first, slot.recordsInPage) : 0;
     if (n > 0) {
@@ -268,6 +268,7 @@ void PagedRecordFile::Load(RecordPage& slot, std::uint32_t base) {
   }
   slot.firstRecord = std::int32_t(base);
   slot.pinCount = 0;
+  slot.dirty = 0;
 
   if (retired) {
     if (retiredView) munmap(retired, retiredBytes);
@@ -314,6 +315,8 @@ RecordPage* PagedRecordFile::Lookup(std::uint32_t record) {
 
 BoxRecord* PagedRecordFile::pin(std::uint32_t record) {
   RecordPage* slot = Lookup(record);
+  // Dirty before a remap can flush it: a growing record must reach the file.
+  slot->dirty = 1;
   if (record >= recordCount_) {
     recordCount_ = record + 1;
     if (!noRemap_ && recordCount_ > mappedCount_ && recordCount_ - mappedCount_ > remapSlack_) {
@@ -325,6 +328,7 @@ BoxRecord* PagedRecordFile::pin(std::uint32_t record) {
   }
   assert((record & kPageMask) < slot->recordsInPage && "pinning past the end of a read-only file");
   ++slot->pinCount;
+  slot->dirty = 1;
   return slot->data + (record & kPageMask);
 }
 

@@ -18,15 +18,16 @@
 #include "kel/core/log.h"
 #include "kel/core/path.h"
 #include "kel/core/text.h"
+#include "spatial/detail/aligned_memory.h"
 
 namespace kel {
 
 namespace {
 
+// Big levels ask for huge pages: a query jumps across a level of many
+// megabytes, and on 4 KiB pages nearly every such jump misses the TLB.
 BoxRecord* AllocRecords(std::uint32_t n) {
-  void* p = std::aligned_alloc(16, std::size_t(std::max<std::uint32_t>(n, 1)) * sizeof(BoxRecord));
-  if (!p) throw std::bad_alloc();
-  return static_cast<BoxRecord*>(p);
+  return static_cast<BoxRecord*>(fdo::detail::AllocBlock(std::size_t(std::max<std::uint32_t>(n, 1)) * sizeof(BoxRecord), 16));
 }
 
 void WidenBy(BoxRecord& r, const BoxRecord& b) {
@@ -286,8 +287,18 @@ bool SpatialIndex2D::Crossings(double x, double y, Edge edge) const {
   std::uint32_t node = 0;
   int level = top;
   std::uint64_t pos = 0;
+  // Eight siblings never straddle a page, so each level looks its page up
+  // once per sibling group; the pointer stays valid because only this
+  // level's own file could evict that page.
+  std::uint32_t groupAt[kMaxLevels];
+  const BoxRecord* group[kMaxLevels];
+  for (int l = 0; l <= top; ++l) groupAt[l] = UINT32_MAX;
   while (pos < leaves) {
-    const BoxRecord* r = onFile_[level] ? files_[level]->peek(node) : arrays_[level] + node;
+    if ((node & ~7u) != groupAt[level]) {
+      groupAt[level] = node & ~7u;
+      group[level] = onFile_[level] ? files_[level]->peek(groupAt[level]) : arrays_[level] + groupAt[level];
+    }
+    const BoxRecord* r = group[level] + (node & 7u);
     if (yq >= r->minY && !(yq > r->maxY)) {
       if (level > 0) {
         node *= 8;

@@ -23,10 +23,12 @@ TEST(PointInPolygonChecker, AgreesWithGeosPreparedContainsOffTheEdges) {
     const char* label;
     int vertices;
     bool closed;
+    int islands;  // more geometries beside the first, each a small star
   } cases[] = {
-      {"small: LineBuffer's test", 12, true},
-      {"indexed", 4000, true},
-      {"indexed, rings drawn open", 4000, false},
+      {"small: edge by edge, rings drawn open", 12, false, 0},
+      {"indexed", 4000, true, 0},
+      {"indexed, rings drawn open", 4000, false, 0},
+      {"many parts found through their boxes", 4000, true, 11},
   };
   GEOSContextHandle_t h = GEOS_init_r();
   for (const Case& c : cases) {
@@ -34,6 +36,11 @@ TEST(PointInPolygonChecker, AgreesWithGeosPreparedContainsOffTheEdges) {
     poly->SetGeometryType(FdoGeometryType_Polygon);
     test::AddStarRing(*poly, rng, c.vertices, 1000, 2000, 100);
     test::AddStarRing(*poly, rng, c.vertices / 4, 1030, 2000, 20);
+    for (int k = 0; k < c.islands; ++k) {
+      poly->SetGeometryType(FdoGeometryType_MultiPolygon);
+      poly->NewGeometry();
+      test::AddStarRing(*poly, rng, 40 + 10 * k, 870 + 25 * (k % 4), 1875 + 20 * (k / 4), 9);
+    }
     if (!c.closed) {
       // Drop each closing point.
       auto open = std::make_shared<GeometryBuffer>(0, FdoDimensionality_XY, false);
@@ -79,15 +86,10 @@ TEST(PointInPolygonChecker, BoundingBoxEdgesPassTheFirstTest) {
   auto l = GeometryBuffer::FromWKT(L"POLYGON ((0 0, 10 0, 10 2, 2 2, 2 10, 0 10, 0 0))");
   ASSERT_TRUE(l);
   PointInPolygonChecker checker(l);
-  struct Case {
-    Vec2d p;
-    bool inside;
-  } cases[] = {
-      {Vec2d(1, 5), true},   {Vec2d(5, 5), false},  {Vec2d(10.000001, 1), false},
-      {Vec2d(5, 1), true},   {Vec2d(-1e-9, 5), false},
-  };
-  for (const Case& c : cases) EXPECT_EQ(checker.PointInPolygon(c.p), c.inside) << c.p.x() << " " << c.p.y();
-
+  for (const auto& [p, inside] : {std::pair{Vec2d(1, 5), true}, std::pair{Vec2d(5, 5), false},
+                                  std::pair{Vec2d(10.000001, 1), false}, std::pair{Vec2d(5, 1), true},
+                                  std::pair{Vec2d(-1e-9, 5), false}})
+    EXPECT_EQ(checker.PointInPolygon(p), inside) << p.x() << " " << p.y();
   const double nan = std::numeric_limits<double>::quiet_NaN();
   EXPECT_FALSE(checker.PointInPolygon(Vec2d(nan, 1)));
   EXPECT_FALSE(PointInPolygonChecker(nullptr).PointInPolygon(Vec2d(1, 1)));

@@ -37,21 +37,13 @@ private:
   std::string path_;
 };
 
-// Targets of this process's open descriptors ("<path> (deleted)" for
-// unlinked files).
-inline std::vector<std::string> OpenFileTargets() {
-  std::vector<std::string> out;
+// Whether this process holds a descriptor on `target` (an unlinked file
+// reads "<path> (deleted)").
+inline bool HoldsOpen(const std::string& target) {
   for (const auto& e : std::filesystem::directory_iterator("/proc/self/fd")) {
     std::error_code ec;
-    const auto target = std::filesystem::read_symlink(e.path(), ec);
-    if (!ec) out.push_back(target.string());
+    if (std::filesystem::read_symlink(e.path(), ec).string() == target && !ec) return true;
   }
-  return out;
-}
-
-inline bool HoldsOpen(const std::string& target) {
-  for (const std::string& t : OpenFileTargets())
-    if (t == target) return true;
   return false;
 }
 

@@ -1,8 +1,12 @@
 // A reusable point-in-polygon tester over one polygon geometry, for the many
-// queries against borders of up to millions of vertices. Polygons of at least
-// kIndexedEdges edges get a paged edge index (SpatialIndex2D, one leaf per
-// edge in ring order) so a query touches only the edges near its y; smaller
-// ones use LineBuffer's even-odd test directly.
+// queries against borders of up to millions of vertices. Each geometry of
+// the buffer is a part with its own box; a part of at least kIndexedEdges
+// edges gets a paged edge index (SpatialIndex2D, one leaf per edge in ring
+// order) so a query touches only the edges near its y, smaller parts are
+// tested edge by edge. A query consults only the parts whose box holds the
+// point (through a second SpatialIndex2D over the part boxes when there are
+// many), so a map of countries never pages one country's edges out for
+// another's.
 //
 // The rule is even-odd over every contour of the buffer (open contours are
 // closed implicitly); points exactly on an edge may fall either way. The
@@ -11,8 +15,10 @@
 // caches).
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "kel/core/types.h"
 #include "kel/export.h"
@@ -38,15 +44,25 @@ public:
   // non-finite points.
   bool PointInPolygon(const Vec2d& p) const;
 
-  bool hasIndex() const { return index_ != nullptr; }
-  const SpatialIndex2D* index() const { return index_.get(); }
+  bool hasIndex() const { return largest_ != nullptr; }
+  // The edge index of the largest indexed part (null without one).
+  const SpatialIndex2D* index() const { return largest_; }
+  // Bytes of edge index records in memory and in temporary files, all parts.
+  std::uint64_t indexMemoryBytes() const;
+  std::uint64_t indexFileBytes() const;
 
 private:
+  struct Part;
+  bool PartContains(const Part& part, double x, double y) const;
+
   std::shared_ptr<GeometryBuffer> polygon_;
   // The polygon with every contour closed, when some contour is open (the
   // index reads edge n as points n and n + 1).
   std::shared_ptr<GeometryBuffer> closed_;
-  std::unique_ptr<SpatialIndex2D> index_;
+  std::vector<Part> parts_;
+  // Part boxes, widened a little, when there are many parts.
+  std::unique_ptr<SpatialIndex2D> partIndex_;
+  const SpatialIndex2D* largest_ = nullptr;
   BBox<2, double> box_;
   bool valid_ = false;
 };

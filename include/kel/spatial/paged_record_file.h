@@ -48,6 +48,9 @@ struct RecordPage {
   RecordPage* next = nullptr;
   RecordPage* prev = nullptr;
   std::uint32_t mapped = 0;  // 1: a view of the file; 0: a private buffer
+  // Pinned since it was loaded: a buffer only ever peeked at holds the
+  // file's own bytes and is not written back.
+  std::uint32_t dirty = 0;
 };
 
 class KEL_API PagedRecordFile {
