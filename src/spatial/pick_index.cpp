@@ -90,12 +90,20 @@ struct Bounds {
   }
 };
 
+// The bin of a scaled offset, saturating (also for NaN, from overflowed
+// extents), where a plain conversion to int would be undefined.
+int BinOf(float f) {
+  if (!(f > 0.0f)) return 0;
+  return f < float(kSahBins - 1) ? int(f) : kSahBins - 1;
+}
+
 bool Finite3(const float* p) { return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]); }
 
 // A triangle while the tree is built: its box and its tree slot.
 struct Ref {
   Bounds box;
-  float centre(int a) const { return box.lo[a] + box.hi[a]; }  // twice the centre: only compared
+  // Halves first: lo + hi of huge coordinates would overflow.
+  float centre(int a) const { return 0.5f * box.lo[a] + 0.5f * box.hi[a]; }
   std::uint32_t slot;
 };
 
@@ -365,7 +373,7 @@ private:
       const float scale = float(kSahBins) * (1.0f - 1e-6f) / extent;
       Bin bins[kSahBins];
       for (int i = 0; i < n; ++i) {
-        const int k = std::min(kSahBins - 1, int((r[i].centre(a) - cb.lo[a]) * scale));
+        const int k = BinOf((r[i].centre(a) - cb.lo[a]) * scale);
         bins[k].box.grow(r[i].box);
         ++bins[k].count;
       }
@@ -395,7 +403,7 @@ private:
     if (n <= kLeafTriangles && !(bestCost + 0.5f * box.halfArea() < box.halfArea())) return 0;
     const float lo = cb.lo[bestAxis];
     Ref* mid = std::partition(r, r + n, [&](const Ref& x) {
-      return std::min(kSahBins - 1, int((x.centre(bestAxis) - lo) * bestScale)) <= bestBin;
+      return BinOf((x.centre(bestAxis) - lo) * bestScale) <= bestBin;
     });
     return int(mid - r);
   }
