@@ -59,7 +59,7 @@ constexpr int kMaxDepth = 60;
 
 // Packets per grid cell, and the most column entries per packet before the
 // grid is made coarser (huge triangles would otherwise fill every cell).
-constexpr double kPacketsPerCell = 4.0;
+constexpr double kPacketsPerCell = 1.0;
 constexpr double kMaxEntriesPerPacket = 16.0;
 
 using namespace detail::simd;
@@ -192,7 +192,7 @@ public:
       : xyz_(vertices), vertexCount_(vertexCount), tri_(indices), triangleCount_(triangleCount) {}
 
   void run(pick_index::stats& st, PickData& d, Block<WideNode>& nodes, Block<std::uint8_t>& packets,
-           Block<std::uint32_t>& start, Block<ColumnEntry>& entries) {
+           Block<ColumnCell>& cells, Block<ColumnEntry>& overflow) {
     if (triangleCount_ >= kLeafBit) throw std::length_error("pick_index: too many triangles");
     st.triangles = int(triangleCount_);
     if (triangleCount_ == 0) return;
@@ -299,7 +299,7 @@ public:
     st.leaves = int(leaves_.size());
     st.nodeBytes = sizeof(WideNode) * wide_.size();
     st.packetBytes = kept;
-    BuildColumns(info, d, start, entries, st);
+    BuildColumns(info, d, cells, overflow, st);
   }
 
 private:
@@ -555,8 +555,8 @@ private:
     return b;
   }
 
-  void BuildColumns(const std::vector<PacketInfo>& info, PickData& d, Block<std::uint32_t>& start,
-                    Block<ColumnEntry>& entries, pick_index::stats& st) {
+  void BuildColumns(const std::vector<PacketInfo>& info, PickData& d, Block<ColumnCell>& cellBlock,
+                    Block<ColumnEntry>& overflow, pick_index::stats& st) {
     Bounds all;
     std::size_t live = 0;
     for (const PacketInfo& p : info)
@@ -594,16 +594,15 @@ private:
         const Span s = span(p.box);
         total += std::size_t(s.x1 / kFine - s.x0 / kFine + 1) * std::size_t(s.y1 / kFine - s.y0 / kFine + 1);
       }
-      if ((double(total) <= kMaxEntriesPerPacket * double(live) && total < 0xffffffffu) || (c.nx == 1 && c.ny == 1))
+      if ((double(total) <= kMaxEntriesPerPacket * double(live) && total < kNoOverflow / 2) || (c.nx == 1 && c.ny == 1))
         break;
       c.nx = std::max(1, c.nx / 2);
       c.ny = std::max(1, c.ny / 2);
     }
+    // Every cell's entries, gathered by counting first.
     const std::size_t cells = std::size_t(c.nx) * std::size_t(c.ny);
-    start = Allocate<std::uint32_t>(cells + 1);
-    entries = Allocate<ColumnEntry>(std::max<std::size_t>(1, total));
-    std::uint32_t* s = start.get();
-    std::fill(s, s + cells + 1, 0u);
+    std::vector<std::uint32_t> start(cells + 1, 0);
+    std::vector<ColumnEntry> entries(total);
     auto each = [&](const PacketInfo& p, auto&& f) {
       const Span sp = span(p.box);
       for (int y = sp.y0 / kFine; y <= sp.y1 / kFine; ++y)
@@ -611,27 +610,53 @@ private:
           // The part of the box inside this cell, in the cell's fine units.
           const auto clip = [](int v, int cell) { return std::uint8_t(std::clamp(v - cell * kFine, 0, kFine - 1)); };
           f(std::size_t(y) * std::size_t(c.nx) + std::size_t(x),
-            ColumnEntry{p.offset, p.box.hi[2], clip(sp.x0, x), clip(sp.x1, x), clip(sp.y0, y), clip(sp.y1, y)});
+            ColumnEntry{p.offset, clip(sp.x0, x), clip(sp.x1, x), clip(sp.y0, y), clip(sp.y1, y)});
         }
     };
     for (const PacketInfo& p : info)
-      if (!p.box.empty()) each(p, [&](std::size_t cell, const ColumnEntry&) { ++s[cell + 1]; });
-    for (std::size_t i = 0; i < cells; ++i) s[i + 1] += s[i];
-    std::vector<std::uint32_t> fill(s, s + cells);
-    ColumnEntry* e = entries.get();
+      if (!p.box.empty()) each(p, [&](std::size_t cell, const ColumnEntry&) { ++start[cell + 1]; });
+    for (std::size_t i = 0; i < cells; ++i) start[i + 1] += start[i];
+    std::vector<std::uint32_t> fill(start.begin(), start.end() - 1);
     for (const PacketInfo& p : info)
-      if (!p.box.empty()) each(p, [&](std::size_t cell, const ColumnEntry& ce) { e[fill[cell]++] = ce; });
-    // Highest top first; equal tops in packet order, so the build is deterministic.
-    for (std::size_t i = 0; i < cells; ++i)
-      std::sort(e + s[i], e + s[i + 1], [](const ColumnEntry& a, const ColumnEntry& b) {
-        return a.maxZ > b.maxZ || (a.maxZ == b.maxZ && a.packet < b.packet);
+      if (!p.box.empty()) each(p, [&](std::size_t cell, const ColumnEntry& ce) { entries[fill[cell]++] = ce; });
+    // Highest top first; equal tops in packet order, so the build is
+    // deterministic. The first seven go into the cell's line, the rest
+    // (ended by a kNoChild entry) into the overflow list.
+    const std::uint8_t* block = d.packets;
+    const auto top = [block](const ColumnEntry& e) { return Header(block + 4 * std::size_t(e.packet)).maxZ; };
+    std::size_t spill = 0;
+    for (std::size_t i = 0; i < cells; ++i) {
+      std::sort(entries.begin() + start[i], entries.begin() + start[i + 1], [&](const ColumnEntry& a, const ColumnEntry& b) {
+        const float ta = top(a), tb = top(b);
+        return ta > tb || (ta == tb && a.packet < b.packet);
       });
-    c.start = start.get();
-    c.entries = entries.get();
+      const std::uint32_t n = start[i + 1] - start[i];
+      if (n > std::uint32_t(kInlineEntries)) spill += n - kInlineEntries + 1;
+    }
+    cellBlock = Allocate<ColumnCell>(cells);
+    overflow = Allocate<ColumnEntry>(std::max<std::size_t>(1, spill));
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < cells; ++i) {
+      ColumnCell& cell = cellBlock[i];
+      std::memset(&cell, 0, sizeof cell);
+      const std::uint32_t n = start[i + 1] - start[i];
+      const std::uint32_t here = std::min<std::uint32_t>(n, kInlineEntries);
+      std::copy(entries.begin() + start[i], entries.begin() + start[i] + here, cell.entry);
+      std::uint32_t more = kNoOverflow;
+      if (n > here) {
+        more = std::uint32_t(at);
+        std::copy(entries.begin() + start[i] + here, entries.begin() + start[i + 1], overflow.get() + at);
+        at += n - here;
+        overflow[at++] = ColumnEntry{kNoChild, 0, 0, 0, 0};
+      }
+      cell.more = (more << 3) | here;
+    }
+    c.cells = cellBlock.get();
+    c.overflow = overflow.get();
     d.columns = c;
     st.columns = int(cells);
     st.columnEntries = total;
-    st.columnBytes = sizeof(std::uint32_t) * (cells + 1) + sizeof(ColumnEntry) * total;
+    st.columnBytes = sizeof(ColumnCell) * cells + sizeof(ColumnEntry) * std::max<std::size_t>(1, spill);
   }
 
   const float* xyz_;
@@ -652,8 +677,8 @@ struct pick_index::impl {
   PickData data;
   Block<WideNode> nodes;
   Block<std::uint8_t> packets;
-  Block<std::uint32_t> columnStart;
-  Block<ColumnEntry> columnEntries;
+  Block<ColumnCell> columnCells;
+  Block<ColumnEntry> columnOverflow;
   stats st;
   double seconds = 0;
   float top = -HUGE_VALF;  // highest finite z
@@ -688,7 +713,7 @@ pick_index::pick_index(const float* vertices, std::size_t vertexCount, const std
     : pick_index() {
   const auto began = std::chrono::steady_clock::now();
   Builder(vertices, vertexCount, indices, triangleCount)
-      .run(d_->st, d_->data, d_->nodes, d_->packets, d_->columnStart, d_->columnEntries);
+      .run(d_->st, d_->data, d_->nodes, d_->packets, d_->columnCells, d_->columnOverflow);
   // The top of the soup, where heightAt starts its rays.
   const PickData& d = d_->data;
   if (d.root != kNoChild) {

@@ -473,23 +473,39 @@ void ColumnWalk(const PickData& d, const PickRay& r, PickBest& b) {
   const float x = r.o[0], y = r.o[1], z = r.o[2];
   if (!(x >= c.x0 && x <= c.x1 && y >= c.y0 && y <= c.y1)) return;
   const int fx = Fine(x, c.x0, c.sx, c.nx), fy = Fine(y, c.y0, c.sy, c.ny);
-  const std::size_t cell = std::size_t(fy / kFine) * std::size_t(c.nx) + std::size_t(fx / kFine);
+  const ColumnCell& cell = c.cells[std::size_t(fy / kFine) * std::size_t(c.nx) + std::size_t(fx / kFine)];
   const int qx = fx % kFine, qy = fy % kFine;
   const float perUnit = -1.0f / r.dir[2];
-  const ColumnEntry* e = c.entries + c.start[cell];
-  const ColumnEntry* const end = c.entries + c.start[cell + 1];
-  while (e < end) {
+  const ColumnEntry* e = cell.entry;
+  const ColumnEntry* stop = e + (cell.more & 7);
+  const std::uint32_t more = cell.more >> 3;
+  bool inCell = true;
+  for (bool done = false; !done;) {
     const ColumnEntry* picked[16];
     int n = 0;
-    for (; e < end && n < 16; ++e) {
+    while (n < 16) {
+      if (inCell && e == stop) {
+        if (more == kNoOverflow) {
+          done = true;
+          break;
+        }
+        e = c.overflow + more;
+        inCell = false;
+      }
+      if (!inCell && e->packet == kNoChild) {
+        done = true;
+        break;
+      }
       KEL_PICK_COUNT(entries);
-      if (qx < e->x0 || qx > e->x1 || qy < e->y0 || qy > e->y1) continue;
-      picked[n++] = e;
-      PrefetchLines(d.packets + 4 * std::size_t(e->packet), kPacketLines);
+      if (!(qx < e->x0 || qx > e->x1 || qy < e->y0 || qy > e->y1)) {
+        picked[n++] = e;
+        PrefetchLines(d.packets + 4 * std::size_t(e->packet), kPacketLines);
+      }
+      ++e;
     }
     for (int i = 0; i < n; ++i) {
-      if ((z - picked[i]->maxZ) * perUnit > Cutoff(b, r)) return;
       const std::uint8_t* p = d.packets + 4 * std::size_t(picked[i]->packet);
+      if ((z - Header(p).maxZ) * perUnit > Cutoff(b, r)) return;
       if (Header(p).minZ > z) continue;  // wholly above the origin
       TestPacket<T>(p, r, b);
     }
@@ -499,7 +515,7 @@ void ColumnWalk(const PickData& d, const PickRay& r, PickBest& b) {
 template <class T, class N>
 void Pick(const PickData& d, const PickRay& r, PickBest& b) {
   KEL_PICK_COUNT(rays);
-  if (r.down && d.columns.start)
+  if (r.down && d.columns.cells)
     ColumnWalk<T>(d, r, b);
   else
     TreeWalk<T, N>(d, r, b);

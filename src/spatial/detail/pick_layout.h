@@ -82,22 +82,36 @@ inline int Fine(float v, float v0, float s, int cells) {
   return int(f);
 }
 
-// One entry of a column: a packet whose x/y box meets the cell, the part of
-// that box inside the cell in fine units, and the packet's top, so a
-// downward walk stops once the rest lies below its hit.
+// One entry of a column: a packet whose x/y box meets the cell and the part
+// of that box inside the cell in fine units. A column lists its packets
+// highest top first, so a downward walk stops at the first packet whose
+// top (in its header) lies below the best hit.
 struct ColumnEntry {
-  std::uint32_t packet;  // 4-byte units
-  float maxZ;
+  std::uint32_t packet;  // 4-byte units; kNoChild ends an overflow list
   std::uint8_t x0, x1, y0, y1;
 };
-static_assert(sizeof(ColumnEntry) == 12);
+static_assert(sizeof(ColumnEntry) == 8);
+
+// A cell: one cache line holding its first entries, so a vertical ray
+// needs one load to learn which packets to fetch; a longer column goes on
+// in the overflow list. `more` holds the count of entries here in its low
+// three bits and the overflow list's start above them (all ones: none).
+constexpr int kInlineEntries = 7;
+constexpr std::uint32_t kNoOverflow = 0xffffffffu >> 3;
+
+struct alignas(64) ColumnCell {
+  ColumnEntry entry[kInlineEntries];
+  std::uint32_t more;
+  std::uint32_t spare;
+};
+static_assert(sizeof(ColumnCell) == 64);
 
 struct Columns {
   float x0 = 0, y0 = 0, x1 = -1, y1 = -1;  // every packet box lies inside
   float sx = 0, sy = 0;                    // fine units per coordinate unit
   int nx = 0, ny = 0;
-  const std::uint32_t* start = nullptr;  // nx * ny + 1 offsets into entries
-  const ColumnEntry* entries = nullptr;
+  const ColumnCell* cells = nullptr;  // nx * ny
+  const ColumnEntry* overflow = nullptr;
 };
 
 struct PickData {
