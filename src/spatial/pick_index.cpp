@@ -220,6 +220,8 @@ public:
       if (finite) Grow(all, r);
     }
     all.end = live;
+    wide_.reserve(n / 48 + 16);  // about what the benchmark tile needs
+    leaves_.reserve(n / 8 + 16);
     if (live < n) {
       // A root with the dead leaf beside the real tree.
       const std::uint32_t w = NewNode();
