@@ -221,6 +221,7 @@ public:
     }
     all.end = live;
     wide_.reserve(n / 48 + 16);  // about what the benchmark tile needs
+    boxes_.reserve((n / 48 + 16) * kWidth);
     leaves_.reserve(n / 8 + 16);
     if (live < n) {
       // A root with the dead leaf beside the real tree.
@@ -251,6 +252,7 @@ public:
         }
         PacketInfo pi{std::uint32_t(bytes / 4), {}};
         Write(p, draft.get() + bytes, pi.box);
+        if (!pi.box.empty()) d.top = std::max(d.top, pi.box.hi[2]);
         bytes += size;
         box.grow(pi.box);
         info.push_back(pi);
@@ -265,7 +267,7 @@ public:
         WideNode& w = nodes[leaf.node];
         w.child[leaf.slot] = kLeafBit | std::uint32_t(first);
         w.packets[leaf.slot] = count;
-        SetBox(w, leaf.slot, box);
+        boxes_[std::size_t(leaf.node) * kWidth + std::size_t(leaf.slot)] = box;
       }
     }
     st.packets = int(info.size());
@@ -287,10 +289,13 @@ public:
     // child's box complete before its parent takes it.
     for (std::size_t w = wide_.size(); w-- > 0;) {
       WideNode& node = nodes[w];
+      Bounds* box = &boxes_[w * kWidth];
       for (int k = 0; k < kWidth; ++k) {
         if (node.child[k] == kNoChild || (node.child[k] & kLeafBit)) continue;
-        SetBox(node, k, BoxOf(nodes[node.child[k]]));
+        const Bounds* inner = &boxes_[std::size_t(node.child[k]) * kWidth];
+        for (int j = 0; j < kWidth; ++j) box[k].grow(inner[j]);
       }
+      Quantise(node, box);
     }
     if (!wide_.empty()) d.root = 0;
 
@@ -321,11 +326,10 @@ private:
   }
 
   std::uint32_t NewNode() {
-    WideNode empty;
-    for (int a = 0; a < 3; ++a)
-      for (int k = 0; k < kWidth; ++k) empty.lo[a][k] = HUGE_VALF, empty.hi[a][k] = -HUGE_VALF;
+    WideNode empty{};
     for (int k = 0; k < kWidth; ++k) empty.child[k] = kNoChild, empty.packets[k] = 0;
     wide_.push_back(empty);
+    boxes_.resize(boxes_.size() + kWidth);
     return std::uint32_t(wide_.size() - 1);
   }
 
@@ -540,21 +544,34 @@ private:
     return at + PacketBytes(p.triangles, nv);
   }
 
-  static void SetBox(WideNode& n, int k, const Bounds& b) {
+  // Stores the children's boxes in 8 bits per plane (see WideNode),
+  // rounded outward and checked with the kernels' own decoding.
+  static void Quantise(WideNode& n, const Bounds* box) {
+    Bounds all;
+    n.valid = 0;
+    for (int k = 0; k < kWidth; ++k)
+      if (n.child[k] != kNoChild && !box[k].empty()) all.grow(box[k]), n.valid |= 1u << k;
+    std::memset(n.q, 0, sizeof n.q);
     for (int a = 0; a < 3; ++a) {
-      n.lo[a][k] = b.lo[a];
-      n.hi[a][k] = b.hi[a];
+      n.origin[a] = n.valid ? all.lo[a] : 0.0f;
+      const double extent = n.valid ? double(all.hi[a]) - double(all.lo[a]) : 0.0;
+      int e = extent > 0.0 ? int(std::ceil(std::log2(extent / 255.0))) : -126;
+      e = std::clamp(e, -126, 127);
+      while (e < 127 && n.valid && !(Decode(255, std::ldexp(1.0f, e), n.origin[a]) >= all.hi[a])) ++e;
+      n.scale[a] = std::ldexp(1.0f, e);
     }
-  }
-
-  static Bounds BoxOf(const WideNode& n) {
-    Bounds b;
-    for (int a = 0; a < 3; ++a)
-      for (int k = 0; k < kWidth; ++k) {
-        b.lo[a] = std::min(b.lo[a], n.lo[a][k]);
-        b.hi[a] = std::max(b.hi[a], n.hi[a][k]);
+    for (int k = 0; k < kWidth; ++k) {
+      if (!(n.valid >> k & 1)) continue;
+      for (int a = 0; a < 3; ++a) {
+        const float s = n.scale[a], o = n.origin[a], lo = box[k].lo[a], hi = box[k].hi[a];
+        int ql = int(std::clamp(std::floor((double(lo) - o) / s), 0.0, 255.0));
+        while (ql > 0 && Decode(std::uint8_t(ql), s, o) > lo) --ql;
+        int qh = int(std::clamp(std::ceil((double(hi) - o) / s), 0.0, 255.0));
+        while (qh < 255 && Decode(std::uint8_t(qh), s, o) < hi) ++qh;
+        n.q[a][k] = std::uint8_t(ql);
+        n.q[3 + a][k] = std::uint8_t(qh);
       }
-    return b;
+    }
   }
 
   void BuildColumns(const std::vector<PacketInfo>& info, PickData& d, Block<ColumnCell>& cellBlock,
@@ -669,6 +686,7 @@ private:
   std::unique_ptr<Ref[], BlockFree> refs_;
   std::unique_ptr<std::uint32_t[], BlockFree> prims_;
   std::vector<WideNode> wide_;
+  std::vector<Bounds> boxes_;  // kWidth per node while building
   std::vector<Leaf> leaves_;
   float maxAbs_ = 0;
 };
@@ -683,7 +701,6 @@ struct pick_index::impl {
   Block<ColumnEntry> columnOverflow;
   stats st;
   double seconds = 0;
-  float top = -HUGE_VALF;  // highest finite z
   pick_kernel kernel = bestKernel();
   PickFn fn = nullptr;
 };
@@ -716,16 +733,6 @@ pick_index::pick_index(const float* vertices, std::size_t vertexCount, const std
   const auto began = std::chrono::steady_clock::now();
   Builder(vertices, vertexCount, indices, triangleCount)
       .run(d_->st, d_->data, d_->nodes, d_->packets, d_->columnCells, d_->columnOverflow);
-  // The top of the soup, where heightAt starts its rays.
-  const PickData& d = d_->data;
-  if (d.root != kNoChild) {
-    if (d.root & kLeafBit) {
-      const std::uint8_t* p = d.packets + 4 * std::size_t(d.root & ~kLeafBit);
-      for (std::uint32_t k = 0; k < d.rootPackets; ++k, p += PacketBytes(p)) d_->top = std::max(d_->top, Header(p).maxZ);
-    } else {
-      for (int k = 0; k < kWidth; ++k) d_->top = std::max(d_->top, d.nodes[0].hi[2][k]);
-    }
-  }
   d_->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
 }
 
@@ -751,11 +758,12 @@ void pick_index::intersect(hit* io, const ray* rays, std::size_t n) const {
 }
 
 bool pick_index::heightAt(float x, float y, float& z, std::uint32_t* primitive) const {
-  if (!std::isfinite(d_->top)) return false;
+  const float top = d_->data.top;  // where heightAt starts its rays
+  if (!std::isfinite(top)) return false;
   hit h{~0u, HUGE_VALF};
-  intersect(h, MakeRay(x, y, d_->top, 0.0f, 0.0f, -1.0f));
+  intersect(h, MakeRay(x, y, top, 0.0f, 0.0f, -1.0f));
   if (h.primitive == ~0u) return false;
-  z = d_->top - h.t;
+  z = top - h.t;
   if (primitive) *primitive = h.primitive;
   return true;
 }

@@ -46,6 +46,7 @@ struct ScalarLanes {
   static constexpr int W = 1;
   static V Set1(float s) { return s; }
   static V Load(const float* p) { return *p; }
+  static V LoadQ(const std::uint8_t* p) { return float(*p); }
   static void Store(float* p, V v) { *p = v; }
   static V Add(V a, V b) { return a + b; }
   static V Sub(V a, V b) { return a - b; }
@@ -90,6 +91,12 @@ struct Sse2Lanes {
   static constexpr int W = 4;
   static V Set1(float s) { return _mm_set1_ps(s); }
   static V Load(const float* p) { return _mm_loadu_ps(p); }
+  static V LoadQ(const std::uint8_t* p) {
+    int bytes;
+    __builtin_memcpy(&bytes, p, 4);
+    const __m128i zero = _mm_setzero_si128();
+    return _mm_cvtepi32_ps(_mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(bytes), zero), zero));
+  }
   static void Store(float* p, V v) { _mm_storeu_ps(p, v); }
   static V Add(V a, V b) { return _mm_add_ps(a, b); }
   static V Sub(V a, V b) { return _mm_sub_ps(a, b); }
@@ -152,6 +159,9 @@ struct Avx2Lanes {
   static constexpr int W = 8;
   static V Set1(float s) { return _mm256_set1_ps(s); }
   static V Load(const float* p) { return _mm256_loadu_ps(p); }
+  static V LoadQ(const std::uint8_t* p) {
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
+  }
   static void Store(float* p, V v) { _mm256_storeu_ps(p, v); }
   static V Add(V a, V b) { return _mm256_add_ps(a, b); }
   static V Sub(V a, V b) { return _mm256_sub_ps(a, b); }
@@ -208,6 +218,10 @@ struct Avx512Lanes {
   static constexpr int W = 16;
   static V Set1(float s) { return _mm512_set1_ps(s); }
   static V Load(const float* p) { return _mm512_loadu_ps(p); }
+  static V LoadQ(const std::uint8_t* p) {  // zero-masked forms: see Corners
+    return _mm512_maskz_cvtepi32_ps(
+        0xffff, _mm512_maskz_cvtepu8_epi32(0xffff, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p))));
+  }
   static void Store(float* p, V v) { _mm512_storeu_ps(p, v); }
   static V Add(V a, V b) { return _mm512_add_ps(a, b); }
   static V Sub(V a, V b) { return _mm512_sub_ps(a, b); }
@@ -356,24 +370,25 @@ template <class L>
 template <class N>
 [[gnu::always_inline]] inline unsigned TestNode(const WideNode& n, const PickRay& r, float cut, float* tn) {
   using V = typename N::V;
-  const float* f = &n.lo[0][0];
-  const V ox = N::Set1(r.o[0]), oy = N::Set1(r.o[1]), oz = N::Set1(r.o[2]);
-  const V ix = N::Set1(r.inv[0]), iy = N::Set1(r.inv[1]), iz = N::Set1(r.inv[2]);
+  V o[3], inv[3], scale[3], origin[3];
+  for (int a = 0; a < 3; ++a) {
+    o[a] = N::Set1(r.o[a]), inv[a] = N::Set1(r.inv[a]);
+    scale[a] = N::Set1(n.scale[a]), origin[a] = N::Set1(n.origin[a]);
+  }
   const V limit = N::Set1(cut), robust = N::Set1(kRobustFar), zero = N::Set1(0.0f);
+  // A plane's entry or exit distance: decode, then the slab test's (p - o) / d.
+  const auto at = [&](int plane, int c) {
+    const int a = plane % 3;
+    return N::Mul(N::Sub(N::Add(N::Mul(N::LoadQ(n.q[plane] + c), scale[a]), origin[a]), o[a]), inv[a]);
+  };
   unsigned mask = 0;
   for (int c = 0; c < kWidth; c += N::W) {
-    const V nx = N::Mul(N::Sub(N::Load(f + r.near[0] + c), ox), ix);
-    const V ny = N::Mul(N::Sub(N::Load(f + r.near[1] + c), oy), iy);
-    const V nz = N::Mul(N::Sub(N::Load(f + r.near[2] + c), oz), iz);
-    const V fx = N::Mul(N::Sub(N::Load(f + r.far[0] + c), ox), ix);
-    const V fy = N::Mul(N::Sub(N::Load(f + r.far[1] + c), oy), iy);
-    const V fz = N::Mul(N::Sub(N::Load(f + r.far[2] + c), oz), iz);
-    const V tnear = N::Max(N::Max(nx, ny), N::Max(nz, zero));
-    const V tfar = N::Min(N::Min(fx, fy), fz);
+    const V tnear = N::Max(N::Max(at(r.near[0], c), at(r.near[1], c)), N::Max(at(r.near[2], c), zero));
+    const V tfar = N::Min(N::Min(at(r.far[0], c), at(r.far[1], c)), at(r.far[2], c));
     mask |= N::Le(tnear, N::Min(N::Mul(tfar, robust), limit)) << c;
     N::Store(tn + c, tnear);
   }
-  return mask;
+  return mask & n.valid;
 }
 
 // Asks for the cache lines of a node or of a leaf's packets, so children
