@@ -381,7 +381,7 @@ void BM_Build_Ours(benchmark::State& state) {
   for (auto _ : state) {
     bvh tree;
     BuildExact(tree, w.scene);
-    pick_index index(tree, w.scene.xyz.data(), w.scene.vertices(), w.scene.tri.data(), w.scene.tri.size() / 3);
+    pick_index index(w.scene.xyz.data(), w.scene.vertices(), w.scene.tri.data(), w.scene.tri.size() / 3);
     benchmark::DoNotOptimize(index.getStats().packets);
   }
   state.SetItemsProcessed(state.iterations() * w.scene.triangles());

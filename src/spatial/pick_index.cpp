@@ -1,17 +1,20 @@
-// Pick index: the bvh collapsed into wide nodes, leaf triangles packed into
-// packets, the column grid for vertical rays, and the kernel dispatch.
+// Pick index: a wide tree built by the surface area heuristic, leaf
+// triangles packed into packets, the column grid for vertical rays, and
+// the kernel dispatch.
 #include "kel/spatial/pick_index.h"
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "spatial/detail/aligned_memory.h"
+#include "spatial/detail/lane4.h"
 #include "spatial/detail/pick_layout.h"
 
 namespace kel::fdo {
@@ -36,26 +39,30 @@ struct PrintCounters {
 
 namespace {
 
-// The top of the wide tree comes from the bvh: its spatial-middle splits
-// are fine at large scale. Below subtrees of this many triangles the
-// triangles are regrouped by the surface area heuristic: on a city tile the
-// middle splits put walls and roofs in one leaf with the ground around them,
-// and every ray passing low over a building then tests them (measured on
-// the benchmark tile: random rays 2.2x slower than with these subtrees).
-constexpr int kSahSize = 256;
-
-// Triangles per leaf, at most, unless the surface area heuristic finds a
-// split of a smaller group whose parts have together less than half its
-// area (a packet test costs about two node tests).
+// The tree is built from the triangles alone, by binned surface-area
+// splits, rather than from the exact bvh: that tree's middle splits cut
+// through buildings and leave walls and roofs in leaves of ground, and on
+// the benchmark tile random rays ran at a third of the speed they reach here.
+//
+// A group of up to this many triangles becomes a leaf, unless splitting it
+// leaves parts with together less than half its area (a packet test costs
+// about two node tests).
 constexpr int kLeafTriangles = 16;
-constexpr int kSahBins = 16;
+constexpr int kBins = 16;
+// Groups larger than this bin every (n / kSample)-th triangle only: the
+// split is chosen from a sample, the partition still moves everyone.
+constexpr std::uint32_t kSample = 1024;
+// Groups of up to this many triangles bin along one axis only.
+constexpr std::uint32_t kAllAxes = 64;
 // Wide nodes deeper than this become leaves, so the walk's stack suffices.
 constexpr int kMaxDepth = 60;
 
 // Packets per grid cell, and the most column entries per packet before the
 // grid is made coarser (huge triangles would otherwise fill every cell).
-constexpr double kPacketsPerCell = 4.0;
+constexpr double kPacketsPerCell = 1.0;
 constexpr double kMaxEntriesPerPacket = 16.0;
+
+using namespace detail::simd;
 
 template <typename T>
 using Block = std::unique_ptr<T[], BlockFree>;
@@ -83,30 +90,95 @@ struct Bounds {
     }
   }
   bool empty() const { return !(lo[0] <= hi[0]); }
-  float halfArea() const {
-    if (empty()) return 0.0f;
-    const float x = hi[0] - lo[0], y = hi[1] - lo[1], z = hi[2] - lo[2];
-    return x * y + y * z + z * x;
-  }
 };
 
 bool Finite3(const float* p) { return std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]); }
 
-// A triangle while the tree is built: its box and its tree slot.
-struct Ref {
-  Bounds box;
-  float centre(int a) const { return box.lo[a] + box.hi[a]; }  // twice the centre: only compared
-  std::uint32_t slot;
+// A triangle while the tree is built: its box as two four-lane vectors
+// (spare lanes 0). Its triangle number travels in a parallel array.
+struct alignas(16) Ref {
+  float lo[4];
+  float hi[4];
+};
+
+// A box and the box of the centres (kept doubled: lo + hi) of a group.
+struct Box4 {
+  Lane4 lo = Set1(HUGE_VALF), hi = Set1(-HUGE_VALF);
+  void grow(Lane4 l, Lane4 h) {
+    lo = Min(lo, l);
+    hi = Max(hi, h);
+  }
+  float halfArea() const {
+    alignas(16) float e[4];
+    Store(e, Sub(hi, lo));
+    if (!(e[0] >= 0.0f)) return 0.0f;
+    return e[0] * e[1] + e[1] * e[2] + e[2] * e[0];
+  }
+};
+
+// The bin of a scaled offset, saturating (also for NaN, from overflowed
+// extents), where a plain conversion to int would be undefined.
+inline int BinOf(float f) {
+  if (!(f > 0.0f)) return 0;
+  return f < float(kBins - 1) ? int(f) : kBins - 1;
+}
+
+// BinOf for three lanes at once: max then min (a NaN lane becomes 0, as
+// maxps returns its second operand), then one truncating conversion.
+inline void Bins3(Lane4 f, int* k) {
+#if KEL_HAS_SSE2
+  const __m128i b = _mm_cvttps_epi32(_mm_min_ps(_mm_max_ps(f.v, _mm_setzero_ps()), _mm_set1_ps(float(kBins - 1))));
+  alignas(16) int out[4];
+  _mm_store_si128(reinterpret_cast<__m128i*>(out), b);
+  k[0] = out[0], k[1] = out[1], k[2] = out[2];
+#else
+  for (int a = 0; a < 3; ++a) k[a] = BinOf(f.v[a]);
+#endif
+}
+
+// A group of triangles [begin, end) of the reference arrays.
+struct Group {
+  std::uint32_t begin = 0, end = 0;
+  Box4 box, centres;
+  // The chosen split, when there is one: bin `bin` and below go left.
+  int axis = -1, bin = 0;
+  float scale = 0, origin = 0;
+  std::uint32_t count() const { return end - begin; }
 };
 
 // A packet being filled: triangles in leaf order, their distinct vertices
-// (equal coordinates are one vertex, whatever their numbers) and corners.
+// as bit patterns (equal coordinates are one vertex, whatever their
+// numbers; -0 and 0 are two) and corners.
 struct Draft {
   int triangles = 0;
   int vertices = 0;
-  std::uint32_t primitive[kPacketTris];
-  const float* vertex[kPacketVerts];
-  std::uint8_t corner[kPacketTris][3];
+  std::uint32_t primitive[kPacketTris] = {};
+  alignas(16) std::uint32_t x[kPacketVerts] = {}, y[kPacketVerts] = {}, z[kPacketVerts] = {};
+  std::uint8_t corner[kPacketTris][3] = {};
+
+  // The number of the vertex with bits v, or -1.
+  int find(const std::uint32_t* v) const {
+#if KEL_HAS_SSE2
+    const __m128i px = _mm_set1_epi32(int(v[0])), py = _mm_set1_epi32(int(v[1])), pz = _mm_set1_epi32(int(v[2]));
+    for (int j = 0; j < vertices; j += 4) {
+      const auto at = [&](const std::uint32_t* a) { return _mm_load_si128(reinterpret_cast<const __m128i*>(a + j)); };
+      const __m128i same = _mm_and_si128(_mm_and_si128(_mm_cmpeq_epi32(at(x), px), _mm_cmpeq_epi32(at(y), py)),
+                                         _mm_cmpeq_epi32(at(z), pz));
+      int m = _mm_movemask_ps(_mm_castsi128_ps(same));
+      if (vertices - j < 4) m &= (1 << (vertices - j)) - 1;
+      if (m) return j + __builtin_ctz(unsigned(m));
+    }
+#else
+    for (int j = 0; j < vertices; ++j)
+      if (x[j] == v[0] && y[j] == v[1] && z[j] == v[2]) return j;
+#endif
+    return -1;
+  }
+  void vertex(int j, float* out) const {
+    std::memcpy(&out[0], &x[j], 4);
+    std::memcpy(&out[1], &y[j], 4);
+    std::memcpy(&out[2], &z[j], 4);
+  }
 };
 
 struct PacketInfo {
@@ -116,84 +188,114 @@ struct PacketInfo {
 
 class Builder {
 public:
-  Builder(const bvh& tree, const float* vertices, std::size_t vertexCount, const std::uint32_t* indices,
-          std::size_t triangleCount)
-      : bn_(tree.getNodes()),
-        nodeCount_(tree.getNodeCount()),
-        slots_(tree.getPrimitiveIndices()),
-        slotCount_(std::uint32_t(tree.getPrimitiveCount())),
-        xyz_(vertices),
-        vertexCount_(vertexCount),
-        tri_(indices),
-        triangleCount_(triangleCount) {}
+  Builder(const float* vertices, std::size_t vertexCount, const std::uint32_t* indices, std::size_t triangleCount)
+      : xyz_(vertices), vertexCount_(vertexCount), tri_(indices), triangleCount_(triangleCount) {}
 
   void run(pick_index::stats& st, PickData& d, Block<WideNode>& nodes, Block<std::uint8_t>& packets,
-           Block<std::uint32_t>& start, Block<ColumnEntry>& entries) {
-    if (std::size_t(slotCount_) != triangleCount_) Invalid("the tree's primitive count differs from the triangle count");
-    st.triangles = int(slotCount_);
-    if (slotCount_ == 0) return;
-    if (!bn_ || nodeCount_ <= 0 || !slots_) Invalid("the tree has no nodes");
-    for (std::uint32_t s = 0; s < slotCount_; ++s) {
-      const std::uint32_t p = slots_[s];
-      if (p >= slotCount_) Invalid("a tree slot names no triangle");
-      for (int k = 0; k < 3; ++k)
-        if (tri_[3 * std::size_t(p) + k] >= vertexCount_) Invalid("an index names no vertex");
+           Block<ColumnCell>& cells, Block<ColumnEntry>& overflow) {
+    if (triangleCount_ >= kLeafBit) throw std::length_error("pick_index: too many triangles");
+    st.triangles = int(triangleCount_);
+    if (triangleCount_ == 0) return;
+    if (!xyz_ || !tri_) Invalid("no vertices or no indices");
+    const auto n = std::uint32_t(triangleCount_);
+    refs_.reset(static_cast<Ref*>(AllocBlock(sizeof(Ref) * n, 64)));
+    prims_.reset(static_cast<std::uint32_t*>(AllocBlock(sizeof(std::uint32_t) * n, 64)));
+    // Triangles with a non-finite vertex are never hit: they go last, into
+    // one leaf with an empty box that no ray visits.
+    std::uint32_t live = 0, dead = n;
+    Group all;
+    for (std::uint32_t i = 0; i < n; ++i) {
+      const std::uint32_t* t = tri_ + 3 * std::size_t(i);
+      if (t[0] >= vertexCount_ || t[1] >= vertexCount_ || t[2] >= vertexCount_) Invalid("an index names no vertex");
+      const float* v[3] = {xyz_ + 3 * std::size_t(t[0]), xyz_ + 3 * std::size_t(t[1]), xyz_ + 3 * std::size_t(t[2])};
+      const bool finite = Finite3(v[0]) && Finite3(v[1]) && Finite3(v[2]);
+      const std::uint32_t at = finite ? live++ : --dead;
+      Ref& r = refs_[at];
+      for (int a = 0; a < 3; ++a) {
+        r.lo[a] = std::min(std::min(v[0][a], v[1][a]), v[2][a]);
+        r.hi[a] = std::max(std::max(v[0][a], v[1][a]), v[2][a]);
+      }
+      r.lo[3] = r.hi[3] = 0.0f;
+      prims_[at] = i;
+      if (finite) Grow(all, r);
     }
-    state_.assign(std::size_t(nodeCount_), 0);
-    count_.assign(std::size_t(nodeCount_), 0);
-    Scan(0, 0);
+    all.end = live;
+    wide_.reserve(n / 48 + 16);  // about what the benchmark tile needs
+    boxes_.reserve((n / 48 + 16) * kWidth);
+    leaves_.reserve(n / 8 + 16);
+    if (live < n) {
+      // A root with the dead leaf beside the real tree.
+      const std::uint32_t w = NewNode();
+      AddLeaf(w, 0, live, n);
+      if (live) Hang(w, 1, all, 1);
+    } else {
+      Hang(kNoChild, 0, all, 0);
+    }
 
-    // Topology first (leaves only noted), then packets sized and written.
-    if (bn_[0].count > 0 || count_[0] <= std::uint32_t(kSahSize))
-      Subtree(kNoChild, 0, 0, 0);
-    else
-      Collapse(0, 0);
-
-    std::size_t bytes = 0;
-    for (const Leaf& leaf : leaves_)
-      Packetise(leaf, [&](const Draft& p) {
-        bytes += PacketBytes(p.triangles, p.vertices);
-        ++st.packets;
-      });
-    // Leaf references count 4-byte units in 31 bits.
-    if (bytes / 4 >= kLeafBit) throw std::length_error("pick_index: too many triangles");
-    // 64 spare bytes: a kernel may load a full vector past a packet's end.
-    packets = Allocate<std::uint8_t>(bytes + 64);
-    std::memset(packets.get() + bytes, 0, 64);
-    std::uint8_t* at = packets.get();
+    // Packets go into a growing block, then into one of their exact size.
+    std::size_t capacity = std::size_t(n) * 20 + 4096 + 64, bytes = 0;
+    Block<std::uint8_t> draft(static_cast<std::uint8_t*>(AllocBlock(capacity, 64)));
     std::vector<PacketInfo> info;
-    info.reserve(std::size_t(st.packets));
     nodes = Allocate<WideNode>(std::max<std::size_t>(1, wide_.size()));
     std::copy(wide_.begin(), wide_.end(), nodes.get());
     for (const Leaf& leaf : leaves_) {
-      const std::uint32_t first = std::uint32_t((at - packets.get()) / 4);
+      const std::size_t first = bytes / 4;
       std::uint32_t count = 0;
       Bounds box;
       Packetise(leaf, [&](const Draft& p) {
-        PacketInfo pi{std::uint32_t((at - packets.get()) / 4), {}};
-        at = Write(p, at, pi.box);
+        const std::size_t size = PacketBytes(p.triangles, p.vertices);
+        if (bytes + size > capacity) {
+          capacity = std::max(2 * capacity, bytes + size);
+          Block<std::uint8_t> bigger(static_cast<std::uint8_t*>(AllocBlock(capacity, 64)));
+          std::memcpy(bigger.get(), draft.get(), bytes);
+          draft = std::move(bigger);
+        }
+        PacketInfo pi{std::uint32_t(bytes / 4), {}};
+        Write(p, draft.get() + bytes, pi.box);
+        if (!pi.box.empty()) d.top = std::max(d.top, pi.box.hi[2]);
+        bytes += size;
         box.grow(pi.box);
         info.push_back(pi);
         ++count;
       });
+      // Leaf references count 4-byte units in 31 bits.
+      if (bytes / 4 >= kLeafBit) throw std::length_error("pick_index: too many triangles");
       if (leaf.node == kNoChild) {
-        d.root = kLeafBit | first;
+        d.root = kLeafBit | std::uint32_t(first);
         d.rootPackets = count;
       } else {
-        WideNode& n = nodes[leaf.node];
-        n.child[leaf.slot] = kLeafBit | first;
-        n.packets[leaf.slot] = count;
-        SetBox(n, leaf.slot, box);
+        WideNode& w = nodes[leaf.node];
+        w.child[leaf.slot] = kLeafBit | std::uint32_t(first);
+        w.packets[leaf.slot] = count;
+        boxes_[std::size_t(leaf.node) * kWidth + std::size_t(leaf.slot)] = box;
       }
     }
+    st.packets = int(info.size());
+    // 64 spare bytes: a kernel may load a full vector past a packet's end.
+    // The draft block stays unless a copy would save much.
+    std::size_t kept = capacity;
+    if (bytes + 64 > capacity || capacity > bytes + bytes / 8 + (std::size_t{4} << 20)) {
+      packets = Allocate<std::uint8_t>(bytes + 64);
+      std::memcpy(packets.get(), draft.get(), bytes);
+      draft.reset();
+      kept = bytes + 64;
+    } else {
+      packets = std::move(draft);
+    }
+    std::memset(packets.get() + bytes, 0, 64);
+    refs_.reset();
+    prims_.reset();
     // Children are made after their parents, so a reverse pass sees every
     // child's box complete before its parent takes it.
     for (std::size_t w = wide_.size(); w-- > 0;) {
-      WideNode& n = nodes[w];
+      WideNode& node = nodes[w];
+      Bounds* box = &boxes_[w * kWidth];
       for (int k = 0; k < kWidth; ++k) {
-        if (n.child[k] == kNoChild || (n.child[k] & kLeafBit)) continue;
-        SetBox(n, k, BoxOf(nodes[n.child[k]]));
+        if (node.child[k] == kNoChild || (node.child[k] & kLeafBit)) continue;
+        const Bounds* inner = &boxes_[std::size_t(node.child[k]) * kWidth];
+        for (int j = 0; j < kWidth; ++j) box[k].grow(inner[j]);
       }
+      Quantise(node, box);
     }
     if (!wide_.empty()) d.root = 0;
 
@@ -203,251 +305,177 @@ public:
     st.nodes = int(wide_.size());
     st.leaves = int(leaves_.size());
     st.nodeBytes = sizeof(WideNode) * wide_.size();
-    st.packetBytes = bytes + 64;
-    BuildColumns(info, d, start, entries, st);
-#ifdef KEL_PICK_STATS
-    std::fprintf(stderr, "wide: %zu nodes, %zu leaves, %.2f children per node, %d packets\n", wide_.size(),
-                 leaves_.size(), double(wide_.size() + leaves_.size() - 1) / double(std::max<std::size_t>(1, wide_.size())),
-                 st.packets);
-#endif
+    st.packetBytes = kept;
+    BuildColumns(info, d, cells, overflow, st);
   }
 
 private:
-  // A leaf: child `slot` of wide node `node` (kNoChild: the root), over the
-  // tree slots leafSlots_[begin, end).
+  // A leaf: child `slot` of wide node `node` (kNoChild: the root), over
+  // the triangles [begin, end) of the reference arrays.
   struct Leaf {
     std::uint32_t node;
     int slot;
-    std::size_t begin, end;
+    std::uint32_t begin, end;
   };
 
-  // Checks the binary tree and counts each subtree's triangles; a node met
-  // twice is counted once, a cycle or too deep a tree is refused.
-  void Scan(int i, int depth) {
-    if (i < 0 || i >= nodeCount_ || depth >= bvh::kStackSize) Invalid("the nodes do not form a tree");
-    if (state_[std::size_t(i)] == 2) return;
-    if (state_[std::size_t(i)] == 1) Invalid("the nodes do not form a tree");
-    state_[std::size_t(i)] = 1;
-    const node& n = bn_[i];
-    if (n.count > 0) {
-      if (n.first < 0 || std::int64_t{n.first} + n.count > std::int64_t{slotCount_})
-        Invalid("a leaf lies outside the index array");
-      count_[std::size_t(i)] = std::uint32_t(n.count);
-    } else {
-      if (n.count < 0 || n.first < 0 || n.first >= nodeCount_ - 1) Invalid("the nodes do not form a tree");
-      Scan(n.first, depth + 1);
-      Scan(n.first + 1, depth + 1);
-      count_[std::size_t(i)] = count_[std::size_t(n.first)] + count_[std::size_t(n.first) + 1];
-    }
-    state_[std::size_t(i)] = 2;
-  }
-
-  bool Interior(int i) const { return bn_[i].count == 0; }
-
-  static float HalfArea(const node& n) {
-    const float x = n.maxX - n.minX, y = n.maxY - n.minY, z = n.maxZ - n.minZ;
-    return x * y + y * z + z * x;
+  static void Grow(Group& g, const Ref& r) {
+    const Lane4 lo = Load(r.lo), hi = Load(r.hi);
+    g.box.grow(lo, hi);
+    const Lane4 c = Add(lo, hi);
+    g.centres.grow(c, c);
   }
 
   std::uint32_t NewNode() {
-    WideNode empty;
-    for (int a = 0; a < 3; ++a)
-      for (int k = 0; k < kWidth; ++k) empty.lo[a][k] = HUGE_VALF, empty.hi[a][k] = -HUGE_VALF;
+    WideNode empty{};
     for (int k = 0; k < kWidth; ++k) empty.child[k] = kNoChild, empty.packets[k] = 0;
     wide_.push_back(empty);
+    boxes_.resize(boxes_.size() + kWidth);
     return std::uint32_t(wide_.size() - 1);
   }
 
-  // The top: binary node b collapsed into one wide node by opening the
-  // largest child still above kSahSize triangles, up to eight children.
-  std::uint32_t Collapse(int b, int depth) {
-    int list[kWidth];
-    int m = 0;
-    list[m++] = bn_[b].first;
-    list[m++] = bn_[b].first + 1;
-    while (m < kWidth) {
-      int best = -1;
-      float bestArea = -1.0f;
-      for (int j = 0; j < m; ++j) {
-        const int c = list[j];
-        if (!Interior(c) || count_[std::size_t(c)] <= std::uint32_t(kSahSize)) continue;
-        const float area = HalfArea(bn_[c]);
-        if (best < 0 || area > bestArea) best = j, bestArea = area;
-      }
-      if (best < 0) break;
-      const int c = list[best];
-      for (int j = m; j > best + 1; --j) list[j] = list[j - 1];
-      list[best] = bn_[c].first;
-      list[best + 1] = bn_[c].first + 1;
-      ++m;
-    }
-    const std::uint32_t w = NewNode();
-    for (int k = 0; k < m; ++k) {
-      const int c = list[k];
-      if (!Interior(c) || count_[std::size_t(c)] <= std::uint32_t(kSahSize)) {
-        Subtree(w, k, c, depth + 1);
-      } else {
-        const std::uint32_t child = Collapse(c, depth + 1);
-        wide_[w].child[k] = child;
-      }
-    }
-    return w;
-  }
-
-  // The bottom: the triangles of binary subtree b regrouped by the surface
-  // area heuristic, hung as child `slot` of wide node `parent`.
-  void Subtree(std::uint32_t parent, int slot, int b, int depth) {
-    refs_.clear();
-    Gather(b);
-    // Triangles with a non-finite vertex are never hit: one leaf of their
-    // own, with an empty box, so they neither widen boxes nor get visited.
-    const auto dead = std::stable_partition(refs_.begin(), refs_.end(), [](const Ref& r) { return !r.box.empty(); });
-    const int live = int(dead - refs_.begin()), n = int(refs_.size());
-    if (live == n) {
-      Hang(parent, slot, refs_.data(), n, depth);
-      return;
-    }
-    const std::uint32_t w = NewNode();
-    Attach(parent, slot, w);
-    AddLeaf(w, 0, refs_.data() + live, n - live);
-    if (live) Hang(w, 1, refs_.data(), live, depth + 1);
-  }
-
-  void Gather(int b) {
-    if (Interior(b)) {
-      Gather(bn_[b].first);
-      Gather(bn_[b].first + 1);
-      return;
-    }
-    for (int s = bn_[b].first, e = s + bn_[b].count; s < e; ++s) {
-      Ref r;
-      r.slot = std::uint32_t(s);
-      bool finite = true;
-      for (int k = 0; k < 3; ++k) {
-        finite &= Finite3(Vertex(r.slot, k));
-        r.box.grow(Vertex(r.slot, k));
-      }
-      if (!finite) r.box = Bounds();
-      refs_.push_back(r);
-    }
-  }
-
-  void Attach(std::uint32_t parent, int slot, std::uint32_t child) {
-    if (parent != kNoChild) wide_[parent].child[slot] = child;
-  }
-
-  void AddLeaf(std::uint32_t parent, int slot, const Ref* r, int n) {
-    const std::size_t begin = leafSlots_.size();
-    for (int i = 0; i < n; ++i) leafSlots_.push_back(r[i].slot);
-    leaves_.push_back(Leaf{parent, slot, begin, leafSlots_.size()});
+  void AddLeaf(std::uint32_t parent, int slot, std::uint32_t begin, std::uint32_t end) {
+    leaves_.push_back(Leaf{parent, slot, begin, end});
     if (parent != kNoChild) wide_[parent].child[slot] = kLeafBit;
   }
 
-  // Where to split r[0, n) in two, after reordering it so the left part
-  // comes first; 0 when the group should stay a leaf.
-  int SahSplit(Ref* r, int n, const Bounds& box) {
-    if (n <= 1) return 0;
-    Bounds cb;
-    for (int i = 0; i < n; ++i) {
-      const float c[3] = {r[i].centre(0), r[i].centre(1), r[i].centre(2)};
-      cb.grow(c);
-    }
-    struct Bin {
-      Bounds box;
-      int count = 0;
-    };
-    float bestCost = HUGE_VALF;
-    int bestAxis = -1, bestBin = 0;
-    float bestScale = 0;
+  // Picks the best binned split of g; false when g should stay a leaf.
+  bool Plan(Group& g) const {
+    const std::uint32_t n = g.count();
+    g.axis = -1;
+    if (n <= 1) return false;
+    alignas(16) float clo[4], chi[4];
+    Store(clo, g.centres.lo);
+    Store(chi, g.centres.hi);
+    float scale[3];
+    bool any = false;
+    // Small groups try only the axis along which their centres spread most:
+    // their planning is most of the build, and the other axes rarely win.
+    int widest = 0;
+    for (int a = 1; a < 3; ++a)
+      if (chi[a] - clo[a] > chi[widest] - clo[widest]) widest = a;
     for (int a = 0; a < 3; ++a) {
-      const float extent = cb.hi[a] - cb.lo[a];
-      if (!(extent > 0.0f)) continue;
-      const float scale = float(kSahBins) * (1.0f - 1e-6f) / extent;
-      Bin bins[kSahBins];
-      for (int i = 0; i < n; ++i) {
-        const int k = std::min(kSahBins - 1, int((r[i].centre(a) - cb.lo[a]) * scale));
-        bins[k].box.grow(r[i].box);
-        ++bins[k].count;
-      }
-      float rightArea[kSahBins];
-      int rightCount[kSahBins];
-      Bounds acc;
-      int cnt = 0;
-      for (int k = kSahBins - 1; k > 0; --k) {
-        acc.grow(bins[k].box);
-        cnt += bins[k].count;
-        rightArea[k] = acc.halfArea();
-        rightCount[k] = cnt;
-      }
-      acc = Bounds();
-      cnt = 0;
-      for (int k = 0; k < kSahBins - 1; ++k) {
-        acc.grow(bins[k].box);
-        cnt += bins[k].count;
-        if (cnt == 0 || cnt == n) continue;
-        // A packet test costs about two node tests; packets hold 16.
-        const float cost = acc.halfArea() * float((cnt + kLeafTriangles - 1) / kLeafTriangles) +
-                           rightArea[k + 1] * float((rightCount[k + 1] + kLeafTriangles - 1) / kLeafTriangles);
-        if (cost < bestCost) bestCost = cost, bestAxis = a, bestBin = k, bestScale = scale;
+      const float extent = chi[a] - clo[a];
+      const bool tried = n > kAllAxes || a == widest;
+      scale[a] = tried && extent > 0.0f ? float(kBins) * (1.0f - 1e-6f) / extent : 0.0f;
+      any |= scale[a] > 0.0f;
+    }
+    if (!any) return false;  // every centre in one place
+    const Lane4 origin = g.centres.lo, scales = [&] {
+      alignas(16) float s4[4] = {scale[0], scale[1], scale[2], 0.0f};
+      return Load(s4);
+    }();
+    Box4 bins[3][kBins];
+    std::uint32_t counts[3][kBins] = {};
+    const std::uint32_t step = n > kSample ? n / kSample : 1;
+    for (std::uint32_t i = g.begin; i < g.end; i += step) {
+      const Lane4 lo = Load(refs_[i].lo), hi = Load(refs_[i].hi);
+      int k[3];
+      Bins3(Mul(Sub(Add(lo, hi), origin), scales), k);
+      for (int a = 0; a < 3; ++a) {
+        bins[a][k[a]].grow(lo, hi);
+        ++counts[a][k[a]];
       }
     }
-    if (bestAxis < 0) return 0;  // every centre in one place
-    if (n <= kLeafTriangles && !(bestCost + 0.5f * box.halfArea() < box.halfArea())) return 0;
-    const float lo = cb.lo[bestAxis];
-    Ref* mid = std::partition(r, r + n, [&](const Ref& x) {
-      return std::min(kSahBins - 1, int((x.centre(bestAxis) - lo) * bestScale)) <= bestBin;
-    });
-    return int(mid - r);
+    float best = HUGE_VALF;
+    for (int a = 0; a < 3; ++a) {
+      if (scale[a] == 0.0f) continue;
+      // Sweeps over the bins from both ends; a part's cost is its area
+      // times the packets it fills (sampled counts scaled back up).
+      float rightCost[kBins];
+      Box4 acc;
+      std::uint32_t cnt = 0;
+      for (int k = kBins - 1; k > 0; --k) {
+        if (counts[a][k]) acc.grow(bins[a][k].lo, bins[a][k].hi), cnt += counts[a][k];
+        rightCost[k] = cnt ? acc.halfArea() * float((cnt * step + kLeafTriangles - 1) / kLeafTriangles) : -1.0f;
+      }
+      acc = Box4();
+      cnt = 0;
+      for (int k = 0; k < kBins - 1; ++k) {
+        if (!counts[a][k]) continue;
+        acc.grow(bins[a][k].lo, bins[a][k].hi);
+        cnt += counts[a][k];
+        if (rightCost[k + 1] < 0.0f) break;
+        const float cost = acc.halfArea() * float((cnt * step + kLeafTriangles - 1) / kLeafTriangles) + rightCost[k + 1];
+        if (cost < best) best = cost, g.axis = a, g.bin = k, g.scale = scale[a], g.origin = clo[a];
+      }
+    }
+    if (g.axis < 0) return false;
+    const float area = g.box.halfArea();
+    if (n <= std::uint32_t(kLeafTriangles) && !(best + 0.5f * area < area)) {
+      g.axis = -1;
+      return false;
+    }
+    return true;
   }
 
-  static Bounds BoxOfRefs(const Ref* r, int n) {
-    Bounds b;
-    for (int i = 0; i < n; ++i) b.grow(r[i].box);
-    return b;
+  // Moves g's triangles so that the planned left part comes first and
+  // gathers both parts' boxes on the way.
+  void Split(const Group& g, Group& left, Group& right) {
+    const int a = g.axis;
+    std::uint32_t i = g.begin, j = g.end;
+    left = Group();
+    right = Group();
+    auto goesLeft = [&](const Ref& r) { return BinOf(((r.lo[a] + r.hi[a]) - g.origin) * g.scale) <= g.bin; };
+    while (i < j) {
+      if (goesLeft(refs_[i])) {
+        Grow(left, refs_[i++]);
+        continue;
+      }
+      --j;
+      std::swap(refs_[i], refs_[j]);
+      std::swap(prims_[i], prims_[j]);
+      Grow(right, refs_[j]);
+    }
+    left.begin = g.begin, left.end = i;
+    right.begin = i, right.end = g.end;
+    // A sampled plan may leave one side empty: halve instead.
+    if (left.count() == 0 || right.count() == 0) {
+      const std::uint32_t mid = g.begin + g.count() / 2;
+      left = Group(), right = Group();
+      left.begin = g.begin, left.end = mid, right.begin = mid, right.end = g.end;
+      for (std::uint32_t k = left.begin; k < left.end; ++k) Grow(left, refs_[k]);
+      for (std::uint32_t k = right.begin; k < right.end; ++k) Grow(right, refs_[k]);
+    }
   }
 
-  // r[0, n) as child `slot` of `parent`: a leaf, or a wide node made by
-  // splitting the largest splittable group until there are eight.
-  void Hang(std::uint32_t parent, int slot, Ref* r, int n, int depth) {
-    struct Group {
-      Ref* r;
-      int n;
-      Bounds box;
-      int split;
-    };
-    Group g[kWidth];
-    g[0] = Group{r, n, BoxOfRefs(r, n), 0};
-    g[0].split = depth >= kMaxDepth ? 0 : SahSplit(r, n, g[0].box);
-    if (g[0].split == 0) {
-      AddLeaf(parent, slot, r, n);
+  // g as child `slot` of `parent`: a leaf, or a wide node made by splitting
+  // the largest splittable group until there are kWidth.
+  void Hang(std::uint32_t parent, int slot, Group g, int depth) {
+    if (depth >= kMaxDepth || !Plan(g)) {
+      AddLeaf(parent, slot, g.begin, g.end);
       return;
     }
+    Group groups[kWidth];
+    groups[0] = g;
     int m = 1;
     while (m < kWidth) {
       int best = -1;
-      for (int j = 0; j < m; ++j)
-        if (g[j].split && (best < 0 || g[j].box.halfArea() > g[best].box.halfArea())) best = j;
+      float bestArea = -1.0f;
+      for (int k = 0; k < m; ++k) {
+        if (groups[k].axis < 0) continue;
+        const float area = groups[k].box.halfArea();
+        if (best < 0 || area > bestArea) best = k, bestArea = area;
+      }
       if (best < 0) break;
-      const Group whole = g[best];
-      Group left{whole.r, whole.split, BoxOfRefs(whole.r, whole.split), 0};
-      Group right{whole.r + whole.split, whole.n - whole.split, BoxOfRefs(whole.r + whole.split, whole.n - whole.split), 0};
-      left.split = SahSplit(left.r, left.n, left.box);
-      right.split = SahSplit(right.r, right.n, right.box);
-      g[best] = left;
-      g[m++] = right;
+      Group left, right;
+      Split(groups[best], left, right);
+      Plan(left);
+      Plan(right);
+      groups[best] = left;
+      groups[m++] = right;
     }
     const std::uint32_t w = NewNode();
-    Attach(parent, slot, w);
+    if (parent != kNoChild) wide_[parent].child[slot] = w;
     for (int k = 0; k < m; ++k) {
-      if (g[k].split == 0)
-        AddLeaf(w, k, g[k].r, g[k].n);
+      if (groups[k].axis < 0)
+        AddLeaf(w, k, groups[k].begin, groups[k].end);
       else
-        Hang(w, k, g[k].r, g[k].n, depth + 1);
+        Hang(w, k, groups[k], depth + 1);
     }
   }
 
-  const float* Vertex(std::uint32_t slot, int k) const {
-    return xyz_ + 3 * std::size_t(tri_[3 * std::size_t(slots_[slot]) + k]);
+  const float* Vertex(std::uint32_t prim, int k) const {
+    return xyz_ + 3 * std::size_t(tri_[3 * std::size_t(prim) + std::size_t(k)]);
   }
 
   // Splits a leaf's triangles into packets: in order, while there are at
@@ -455,17 +483,15 @@ private:
   template <class Emit>
   void Packetise(const Leaf& leaf, Emit&& emit) const {
     Draft p;
-    for (std::size_t i = leaf.begin; i < leaf.end; ++i) {
-      const std::uint32_t s = leafSlots_[i];
-      const float* v[3] = {Vertex(s, 0), Vertex(s, 1), Vertex(s, 2)};
+    for (std::uint32_t i = leaf.begin; i < leaf.end; ++i) {
+      const std::uint32_t prim = prims_[i];
+      // Leaf order is not soup order: ask early for a later triangle's corners.
+      if (i + 8 < leaf.end) __builtin_prefetch(tri_ + 3 * std::size_t(prims_[i + 8]));
+      std::uint32_t v[3][3];
+      for (int k = 0; k < 3; ++k) std::memcpy(v[k], Vertex(prim, k), 12);
       int found[3], fresh = 0;
       for (int k = 0; k < 3; ++k) {
-        found[k] = -1;
-        for (int j = 0; j < p.vertices; ++j)
-          if (std::memcmp(p.vertex[j], v[k], 12) == 0) {
-            found[k] = j;
-            break;
-          }
+        found[k] = p.find(v[k]);
         bool dup = false;  // the same new vertex twice in one triangle
         for (int j = 0; j < k; ++j) dup |= found[j] < 0 && std::memcmp(v[j], v[k], 12) == 0;
         fresh += found[k] < 0 && !dup;
@@ -476,14 +502,14 @@ private:
         for (int k = 0; k < 3; ++k) found[k] = -1;
       }
       for (int k = 0; k < 3; ++k) {
-        int j = found[k];
-        if (j < 0)
-          for (j = 0; j < p.vertices; ++j)
-            if (std::memcmp(p.vertex[j], v[k], 12) == 0) break;
-        if (j == p.vertices) p.vertex[p.vertices++] = v[k];
+        int j = found[k] >= 0 ? found[k] : p.find(v[k]);
+        if (j < 0) {
+          j = p.vertices++;
+          p.x[j] = v[k][0], p.y[j] = v[k][1], p.z[j] = v[k][2];
+        }
         p.corner[p.triangles][k] = std::uint8_t(j);
       }
-      p.primitive[p.triangles++] = slots_[s];
+      p.primitive[p.triangles++] = prim;
     }
     if (p.triangles) emit(p);
   }
@@ -491,7 +517,8 @@ private:
   std::uint8_t* Write(const Draft& p, std::uint8_t* at, Bounds& box) {
     const int nv = p.vertices;
     for (int t = 0; t < p.triangles; ++t) {
-      const float* c[3] = {p.vertex[p.corner[t][0]], p.vertex[p.corner[t][1]], p.vertex[p.corner[t][2]]};
+      float c[3][3];
+      for (int k = 0; k < 3; ++k) p.vertex(p.corner[t][k], c[k]);
       if (!Finite3(c[0]) || !Finite3(c[1]) || !Finite3(c[2])) continue;  // never hit
       for (const float* q : c) {
         box.grow(q);
@@ -507,33 +534,48 @@ private:
     std::uint8_t* q = at + sizeof h;
     std::memcpy(q, p.primitive, 4 * std::size_t(p.triangles));
     q += 4 * p.triangles;
-    for (int a = 0; a < 3; ++a)
-      for (int j = 0; j < nv; ++j, q += 4) std::memcpy(q, &p.vertex[j][a], 4);
+    for (const std::uint32_t* axis : {p.x, p.y, p.z}) {
+      std::memcpy(q, axis, 4 * std::size_t(nv));
+      q += 4 * nv;
+    }
     std::memset(q, 0, 24);
     for (int t = 0; t < p.triangles; ++t)
       for (int k = 0; k < 3; ++k) q[8 * k + t / 2] |= std::uint8_t(p.corner[t][k] << (4 * (t & 1)));
     return at + PacketBytes(p.triangles, nv);
   }
 
-  static void SetBox(WideNode& n, int k, const Bounds& b) {
+  // Stores the children's boxes in 8 bits per plane (see WideNode),
+  // rounded outward and checked with the kernels' own decoding.
+  static void Quantise(WideNode& n, const Bounds* box) {
+    Bounds all;
+    n.valid = 0;
+    for (int k = 0; k < kWidth; ++k)
+      if (n.child[k] != kNoChild && !box[k].empty()) all.grow(box[k]), n.valid |= 1u << k;
+    std::memset(n.q, 0, sizeof n.q);
     for (int a = 0; a < 3; ++a) {
-      n.lo[a][k] = b.lo[a];
-      n.hi[a][k] = b.hi[a];
+      n.origin[a] = n.valid ? all.lo[a] : 0.0f;
+      const double extent = n.valid ? double(all.hi[a]) - double(all.lo[a]) : 0.0;
+      int e = extent > 0.0 ? int(std::ceil(std::log2(extent / 255.0))) : -126;
+      e = std::clamp(e, -126, 127);
+      while (e < 127 && n.valid && !(Decode(255, std::ldexp(1.0f, e), n.origin[a]) >= all.hi[a])) ++e;
+      n.scale[a] = std::ldexp(1.0f, e);
+    }
+    for (int k = 0; k < kWidth; ++k) {
+      if (!(n.valid >> k & 1)) continue;
+      for (int a = 0; a < 3; ++a) {
+        const float s = n.scale[a], o = n.origin[a], lo = box[k].lo[a], hi = box[k].hi[a];
+        int ql = int(std::clamp(std::floor((double(lo) - o) / s), 0.0, 255.0));
+        while (ql > 0 && Decode(std::uint8_t(ql), s, o) > lo) --ql;
+        int qh = int(std::clamp(std::ceil((double(hi) - o) / s), 0.0, 255.0));
+        while (qh < 255 && Decode(std::uint8_t(qh), s, o) < hi) ++qh;
+        n.q[a][k] = std::uint8_t(ql);
+        n.q[3 + a][k] = std::uint8_t(qh);
+      }
     }
   }
 
-  static Bounds BoxOf(const WideNode& n) {
-    Bounds b;
-    for (int a = 0; a < 3; ++a)
-      for (int k = 0; k < kWidth; ++k) {
-        b.lo[a] = std::min(b.lo[a], n.lo[a][k]);
-        b.hi[a] = std::max(b.hi[a], n.hi[a][k]);
-      }
-    return b;
-  }
-
-  void BuildColumns(const std::vector<PacketInfo>& info, PickData& d, Block<std::uint32_t>& start,
-                    Block<ColumnEntry>& entries, pick_index::stats& st) {
+  void BuildColumns(const std::vector<PacketInfo>& info, PickData& d, Block<ColumnCell>& cellBlock,
+                    Block<ColumnEntry>& overflow, pick_index::stats& st) {
     Bounds all;
     std::size_t live = 0;
     for (const PacketInfo& p : info)
@@ -571,16 +613,15 @@ private:
         const Span s = span(p.box);
         total += std::size_t(s.x1 / kFine - s.x0 / kFine + 1) * std::size_t(s.y1 / kFine - s.y0 / kFine + 1);
       }
-      if ((double(total) <= kMaxEntriesPerPacket * double(live) && total < 0xffffffffu) || (c.nx == 1 && c.ny == 1))
+      if ((double(total) <= kMaxEntriesPerPacket * double(live) && total < kNoOverflow / 2) || (c.nx == 1 && c.ny == 1))
         break;
       c.nx = std::max(1, c.nx / 2);
       c.ny = std::max(1, c.ny / 2);
     }
+    // Every cell's entries, gathered by counting first.
     const std::size_t cells = std::size_t(c.nx) * std::size_t(c.ny);
-    start = Allocate<std::uint32_t>(cells + 1);
-    entries = Allocate<ColumnEntry>(std::max<std::size_t>(1, total));
-    std::uint32_t* s = start.get();
-    std::fill(s, s + cells + 1, 0u);
+    std::vector<std::uint32_t> start(cells + 1, 0);
+    std::vector<ColumnEntry> entries(total);
     auto each = [&](const PacketInfo& p, auto&& f) {
       const Span sp = span(p.box);
       for (int y = sp.y0 / kFine; y <= sp.y1 / kFine; ++y)
@@ -588,44 +629,65 @@ private:
           // The part of the box inside this cell, in the cell's fine units.
           const auto clip = [](int v, int cell) { return std::uint8_t(std::clamp(v - cell * kFine, 0, kFine - 1)); };
           f(std::size_t(y) * std::size_t(c.nx) + std::size_t(x),
-            ColumnEntry{p.offset, p.box.hi[2], clip(sp.x0, x), clip(sp.x1, x), clip(sp.y0, y), clip(sp.y1, y)});
+            ColumnEntry{p.offset, clip(sp.x0, x), clip(sp.x1, x), clip(sp.y0, y), clip(sp.y1, y)});
         }
     };
     for (const PacketInfo& p : info)
-      if (!p.box.empty()) each(p, [&](std::size_t cell, const ColumnEntry&) { ++s[cell + 1]; });
-    for (std::size_t i = 0; i < cells; ++i) s[i + 1] += s[i];
-    std::vector<std::uint32_t> fill(s, s + cells);
-    ColumnEntry* e = entries.get();
+      if (!p.box.empty()) each(p, [&](std::size_t cell, const ColumnEntry&) { ++start[cell + 1]; });
+    for (std::size_t i = 0; i < cells; ++i) start[i + 1] += start[i];
+    std::vector<std::uint32_t> fill(start.begin(), start.end() - 1);
     for (const PacketInfo& p : info)
-      if (!p.box.empty()) each(p, [&](std::size_t cell, const ColumnEntry& ce) { e[fill[cell]++] = ce; });
-    // Highest top first; equal tops in packet order, so the build is deterministic.
-    for (std::size_t i = 0; i < cells; ++i)
-      std::sort(e + s[i], e + s[i + 1], [](const ColumnEntry& a, const ColumnEntry& b) {
-        return a.maxZ > b.maxZ || (a.maxZ == b.maxZ && a.packet < b.packet);
+      if (!p.box.empty()) each(p, [&](std::size_t cell, const ColumnEntry& ce) { entries[fill[cell]++] = ce; });
+    // Highest top first; equal tops in packet order, so the build is
+    // deterministic. The first seven go into the cell's line, the rest
+    // (ended by a kNoChild entry) into the overflow list.
+    const std::uint8_t* block = d.packets;
+    const auto top = [block](const ColumnEntry& e) { return Header(block + 4 * std::size_t(e.packet)).maxZ; };
+    std::size_t spill = 0;
+    for (std::size_t i = 0; i < cells; ++i) {
+      std::sort(entries.begin() + start[i], entries.begin() + start[i + 1], [&](const ColumnEntry& a, const ColumnEntry& b) {
+        const float ta = top(a), tb = top(b);
+        return ta > tb || (ta == tb && a.packet < b.packet);
       });
-    c.start = start.get();
-    c.entries = entries.get();
+      const std::uint32_t n = start[i + 1] - start[i];
+      if (n > std::uint32_t(kInlineEntries)) spill += n - kInlineEntries + 1;
+    }
+    cellBlock = Allocate<ColumnCell>(cells);
+    overflow = Allocate<ColumnEntry>(std::max<std::size_t>(1, spill));
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < cells; ++i) {
+      ColumnCell& cell = cellBlock[i];
+      std::memset(&cell, 0, sizeof cell);
+      const std::uint32_t n = start[i + 1] - start[i];
+      const std::uint32_t here = std::min<std::uint32_t>(n, kInlineEntries);
+      std::copy(entries.begin() + start[i], entries.begin() + start[i] + here, cell.entry);
+      std::uint32_t more = kNoOverflow;
+      if (n > here) {
+        more = std::uint32_t(at);
+        std::copy(entries.begin() + start[i] + here, entries.begin() + start[i + 1], overflow.get() + at);
+        at += n - here;
+        overflow[at++] = ColumnEntry{kNoChild, 0, 0, 0, 0};
+      }
+      cell.more = (more << 3) | here;
+    }
+    c.cells = cellBlock.get();
+    c.overflow = overflow.get();
     d.columns = c;
     st.columns = int(cells);
     st.columnEntries = total;
-    st.columnBytes = sizeof(std::uint32_t) * (cells + 1) + sizeof(ColumnEntry) * total;
+    st.columnBytes = sizeof(ColumnCell) * cells + sizeof(ColumnEntry) * std::max<std::size_t>(1, spill);
   }
 
-  const node* bn_;
-  int nodeCount_;
-  const std::uint32_t* slots_;
-  std::uint32_t slotCount_;
   const float* xyz_;
   std::size_t vertexCount_;
   const std::uint32_t* tri_;
   std::size_t triangleCount_;
 
-  std::vector<std::uint8_t> state_;
-  std::vector<std::uint32_t> count_;
+  std::unique_ptr<Ref[], BlockFree> refs_;
+  std::unique_ptr<std::uint32_t[], BlockFree> prims_;
   std::vector<WideNode> wide_;
+  std::vector<Bounds> boxes_;  // kWidth per node while building
   std::vector<Leaf> leaves_;
-  std::vector<std::uint32_t> leafSlots_;
-  std::vector<Ref> refs_;
   float maxAbs_ = 0;
 };
 
@@ -635,11 +697,10 @@ struct pick_index::impl {
   PickData data;
   Block<WideNode> nodes;
   Block<std::uint8_t> packets;
-  Block<std::uint32_t> columnStart;
-  Block<ColumnEntry> columnEntries;
+  Block<ColumnCell> columnCells;
+  Block<ColumnEntry> columnOverflow;
   stats st;
   double seconds = 0;
-  float top = -HUGE_VALF;  // highest finite z
   pick_kernel kernel = bestKernel();
   PickFn fn = nullptr;
 };
@@ -666,22 +727,12 @@ PickFn KernelFunction(pick_kernel k) {
 
 pick_index::pick_index() : d_(std::make_unique<impl>()) { d_->fn = KernelFunction(d_->kernel); }
 
-pick_index::pick_index(const bvh& tree, const float* vertices, std::size_t vertexCount,
-                       const std::uint32_t* indices, std::size_t triangleCount)
+pick_index::pick_index(const float* vertices, std::size_t vertexCount, const std::uint32_t* indices,
+                       std::size_t triangleCount)
     : pick_index() {
   const auto began = std::chrono::steady_clock::now();
-  Builder(tree, vertices, vertexCount, indices, triangleCount)
-      .run(d_->st, d_->data, d_->nodes, d_->packets, d_->columnStart, d_->columnEntries);
-  // The top of the soup, where heightAt starts its rays.
-  const PickData& d = d_->data;
-  if (d.root != kNoChild) {
-    if (d.root & kLeafBit) {
-      const std::uint8_t* p = d.packets + 4 * std::size_t(d.root & ~kLeafBit);
-      for (std::uint32_t k = 0; k < d.rootPackets; ++k, p += PacketBytes(p)) d_->top = std::max(d_->top, Header(p).maxZ);
-    } else {
-      for (int k = 0; k < kWidth; ++k) d_->top = std::max(d_->top, d.nodes[0].hi[2][k]);
-    }
-  }
+  Builder(vertices, vertexCount, indices, triangleCount)
+      .run(d_->st, d_->data, d_->nodes, d_->packets, d_->columnCells, d_->columnOverflow);
   d_->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
 }
 
@@ -707,11 +758,12 @@ void pick_index::intersect(hit* io, const ray* rays, std::size_t n) const {
 }
 
 bool pick_index::heightAt(float x, float y, float& z, std::uint32_t* primitive) const {
-  if (!std::isfinite(d_->top)) return false;
+  const float top = d_->data.top;  // where heightAt starts its rays
+  if (!std::isfinite(top)) return false;
   hit h{~0u, HUGE_VALF};
-  intersect(h, MakeRay(x, y, d_->top, 0.0f, 0.0f, -1.0f));
+  intersect(h, MakeRay(x, y, top, 0.0f, 0.0f, -1.0f));
   if (h.primitive == ~0u) return false;
-  z = d_->top - h.t;
+  z = top - h.t;
   if (primitive) *primitive = h.primitive;
   return true;
 }

@@ -231,7 +231,7 @@ void SFF2BVH::load(sff_input_stream& source, const std::wstring& name) {
   tree->build(iterator);
   timings_.tree = seconds(began);
   began = Clock::now();
-  pick_ = std::make_shared<const fdo::pick_index>(*tree, vertices->data(), vertices->size() / 3, indices->data(),
+  pick_ = std::make_shared<const fdo::pick_index>(vertices->data(), vertices->size() / 3, indices->data(),
                                                   indices->size() / 3);
   timings_.index = seconds(began);
   intersector_ = std::make_shared<TileIntersector>(vertices, indices);

@@ -269,6 +269,14 @@ TEST(Sff2Bvh, MultiMeshTilesPlainOrCompressedMatchABruteForceModel) {
     const hit unpacked = Pick(packed, r);  // a compressed tile picks like a plain one
     EXPECT_EQ(unpacked.primitive, got.primitive);
     EXPECT_EQ(unpacked.t, got.t);
+    // The tile's fast path answers for the same triangles (soup numbering).
+    hit fast{~0u, FLT_MAX};
+    tile.pick(fast, r);
+    EXPECT_TRUE(fdo::test::Agree(soup, r, want, fast)) << q;
+    float z;
+    if (q % 2) {
+      EXPECT_EQ(tile.heightAt(r.origin[0], r.origin[1], z), fast.primitive != ~0u);
+    }
     if (want.primitive == ~0u) continue;
     ++hits;
     // The reported triangle is one the model hits at that distance.

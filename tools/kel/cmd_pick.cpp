@@ -48,18 +48,18 @@ struct PickResult {
   float t = 0, u = 0, v = 0;
 };
 
+// Through the pick index: watertight, and the fast path.
 PickResult Shoot(const kel::SFF2BVH& tile, const kel::fdo::ray& r) {
   kel::fdo::hit h{~0u, FLT_MAX};
-  tile.getBVH()->intersect(h, r, *tile.getIntersector());
+  float uv[2] = {};
+  tile.pick(h, r, uv);
   PickResult out;
   if (h.primitive == ~0u) return out;
-  float tuv[8] = {};
-  tile.getIntersector()->intersect(int(h.primitive), r, tuv);
   out.hit = true;
   out.triangle = h.primitive;
   out.t = h.t;
-  out.u = tuv[1];
-  out.v = tuv[2];
+  out.u = uv[0];
+  out.v = uv[1];
   return out;
 }
 
@@ -70,14 +70,19 @@ int WriteHeightmap(const kel::SFF2BVH& tile, const std::string& path, long long 
   const double w = double(root.maxX) - root.minX, h = double(root.maxY) - root.minY;
   const double top = double(root.maxZ) + 1.0 + std::fabs(root.maxZ) * 1e-3;
   {
+    // A row of rays per batch call: the pick index spreads it over threads.
     tool::Task task(L"heightmap " + kel::Utf8String2WString(std::filesystem::path(path).filename().string()), n);
+    std::vector<kel::fdo::ray> rays(n);
+    std::vector<kel::fdo::hit> hits(n);
     for (std::uint32_t j = 0; j < n; ++j) {
       for (std::uint32_t i = 0; i < n; ++i) {
         const double x = root.minX + (i + 0.5) / n * w, y = root.maxY - (j + 0.5) / n * h;
-        const auto r = MakeRay(x, y, top, 0, 0, -1);
-        const PickResult p = Shoot(tile, r);
-        if (p.hit) heights[std::size_t(j) * n + i] = r.origin[2] - p.t;
+        rays[i] = MakeRay(x, y, top, 0, 0, -1);
+        hits[i] = kel::fdo::hit{~0u, FLT_MAX};
       }
+      tile.pick(hits.data(), rays.data(), n);
+      for (std::uint32_t i = 0; i < n; ++i)
+        if (hits[i].primitive != ~0u) heights[std::size_t(j) * n + i] = rays[i].origin[2] - hits[i].t;
       task.step(j + 1);
     }
   }
@@ -177,15 +182,30 @@ int RunInfo(const std::string& path) {
       stack.push_back({nodes[i].first + 1, d + 1});
     }
   }
+  const kel::SFF2BVH::timings& time = loaded.tile->getTimings();
+  const kel::fdo::pick_index& index = *loaded.tile->getPickIndex();
+  const kel::fdo::pick_index::stats& st = index.getStats();
+  const double mb = 1.0 / (1024.0 * 1024.0);
+  const double treeBytes = 32.0 * tree.getNodeCapacity() + 4.0 * tree.getPrimitiveCount();
   std::printf("triangles   %d\n", tree.getPrimitiveCount());
-  std::printf("nodes       %d (%d leaves, capacity %d)\n", tree.getNodeCount(), leaves, tree.getNodeCapacity());
-  std::printf("depth       %d\n", depth);
   const auto& root = nodes[0];
   std::printf("box         %g, %g, %g : %g, %g, %g\n", double(root.minX), double(root.minY), double(root.minZ),
               double(root.maxX), double(root.maxY), double(root.maxZ));
-  std::printf("read+build  %.3f s\n", loaded.seconds);
-  std::puts("leaf sizes:");
-  for (const auto& [sz, count] : leafSizes) std::printf("  %4d: %lld\n", sz, count);
+  std::printf("read        %.3f s\n", time.read);
+  std::puts("exact tree (stored format):");
+  std::printf("  nodes     %d (%d leaves, capacity %d), depth %d\n", tree.getNodeCount(), leaves,
+              tree.getNodeCapacity(), depth);
+  std::printf("  memory    %.2f MiB\n", treeBytes * mb);
+  std::printf("  build     %.3f s\n", time.tree);
+  std::puts("  leaf sizes:");
+  for (const auto& [sz, count] : leafSizes) std::printf("    %4d: %lld\n", sz, count);
+  std::puts("pick index (queries):");
+  std::printf("  nodes     %d wide, %d leaves, %d packets\n", st.nodes, st.leaves, st.packets);
+  std::printf("  columns   %d cells, %zu entries\n", st.columns, st.columnEntries);
+  std::printf("  memory    %.2f MiB (nodes %.2f, packets %.2f, columns %.2f)\n", double(st.bytes()) * mb,
+              double(st.nodeBytes) * mb, double(st.packetBytes) * mb, double(st.columnBytes) * mb);
+  std::printf("  build     %.3f s\n", time.index);
+  std::printf("  kernel    %s\n", kel::fdo::pick_index::kernelName(index.kernel()));
   return 0;
 }
 
@@ -208,12 +228,15 @@ void AddPickCommands(CLI::App& app) {
       "                       tile's box; prints the height, the distance and the triangle\n"
       "                       hit (with u, v)\n"
       "  kel pick TILE --ray OX,OY,OZ,DX,DY,DZ\n"
-      "                       any ray; prints the distance t (in units of the direction's\n"
-      "                       length), the hit point and the triangle\n"
+      "                       any ray (the direction need not be of unit length); prints\n"
+      "                       the distance t in the model's units, the hit point and the\n"
+      "                       triangle\n"
       "  kel pick TILE --heightmap OUT.png [--size N]\n"
       "                       an N x N grid of vertical rays over the tile's box, written as\n"
       "                       a shaded grey PNG seen from above, north up; pixels without a\n"
       "                       hit are transparent\n"
+      "Rays go through the tile's pick index, whose triangle test lets no ray slip\n"
+      "between two triangles that share an edge.\n"
       "Exit code 1 when the tile cannot be read or holds no triangles.",
       [a] { return RunPick(*a); });
   cmd->add_option("TILE", a->tile, "SFF tile file")->required();
@@ -230,9 +253,12 @@ void AddPickCommands(CLI::App& app) {
 
   CLI::App* group = tool::AddGroup(app, "bvh", "the triangle tree of a tile file");
   auto tile = std::make_shared<std::string>();
-  cmd = tool::AddCommand(*group, "info", "triangle, node and depth statistics of a tile's tree",
-                         "Reads an SFF tile file and prints its tree: triangle count, node count, depth,\n"
-                         "leaf size histogram, root box and the time to read the file and build the tree.",
+  cmd = tool::AddCommand(*group, "info", "sizes and build times of a tile's tree and pick index",
+                         "Reads an SFF tile file and prints its two structures: the exact tree (node\n"
+                         "count, depth, leaf size histogram, memory, build time) and the pick index\n"
+                         "that answers picks (wide nodes, packets, columns, memory, build time, the\n"
+                         "processor kernel it uses), with the triangle count, the root box and the\n"
+                         "time to read the file.",
                          [tile] { return RunInfo(*tile); });
   cmd->add_option("TILE", *tile, "SFF tile file")->required();
 }

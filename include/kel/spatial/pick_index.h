@@ -1,15 +1,17 @@
-// Fast picking: a query structure built beside a finished bvh over the same
-// triangle soup, for nearest-hit queries only. The bvh stays the stored,
-// reloadable tree with its own exact walk; this index answers the same
-// questions faster and never lets a ray slip through a closed surface.
+// Fast picking: a query structure over a triangle soup, built beside the
+// bvh for nearest-hit queries only. The bvh stays the stored, reloadable
+// tree with its own exact walk; this index answers the same questions
+// faster and never lets a ray slip through a closed surface.
 //
-// What it holds: the tree collapsed to eight children per node, the
-// triangles copied in leaf order (packets of up to 16 triangles that share
-// their vertices, one run of memory per leaf), and for rays straight down a
-// grid of columns over x and y. The triangle test is watertight (Woop,
-// Benthin and Wald, 2013): a ray through a shared edge or vertex of a closed
-// surface hits it. Triangles are two-sided, a hit at t = 0 counts, and a
-// triangle with a non-finite vertex is never hit.
+// What it holds: a tree of up to 16 children per node, built from the
+// triangles by the surface area heuristic (the bvh's middle splits keep
+// walls and roofs in leaves of ground, which halves the speed of low rays
+// over a city); the triangles copied in leaf order as packets of up to 16
+// triangles sharing their vertices, one run of memory per leaf; and for
+// rays straight down a grid of columns over x and y. The triangle test is
+// watertight (Woop, Benthin and Wald, 2013): a ray through a shared edge or
+// vertex of a closed surface hits it. Triangles are two-sided, a hit at
+// t = 0 counts, and a triangle with a non-finite vertex is never hit.
 //
 // Agreement with the exact walk: the nearest distance is the same up to
 // float rounding (the two triangle tests round differently), except for rays
@@ -40,7 +42,7 @@ public:
   // Sizes and counts, for reports.
   struct stats {
     int triangles = 0;
-    int nodes = 0;    // wide nodes
+    int nodes = 0;    // tree nodes
     int leaves = 0;   // runs of packets
     int packets = 0;
     int columns = 0;  // grid cells (0: no grid, vertical rays walk the tree)
@@ -51,13 +53,11 @@ public:
 
   // An index answering nothing.
   pick_index();
-  // Builds from `tree`, which must have been built over this soup (or
-  // reloaded with its nodes and indices): triangle i has the vertices
-  // indices[3i .. 3i+2], vertex k at vertices[3k .. 3k+2]. Nothing is kept
-  // of the arguments. Throws std::invalid_argument when the tree's
-  // primitive count differs from triangleCount, when its nodes do not form
-  // a tree over those primitives, or when an index names no vertex.
-  pick_index(const bvh& tree, const float* vertices, std::size_t vertexCount, const std::uint32_t* indices,
+  // Builds over a triangle soup: triangle i has the vertices indices[3i ..
+  // 3i+2], vertex k at vertices[3k .. 3k+2]; hits report triangle numbers.
+  // Nothing is kept of the arguments. Throws std::invalid_argument when an
+  // index names no vertex, std::length_error beyond 2^31 triangles.
+  pick_index(const float* vertices, std::size_t vertexCount, const std::uint32_t* indices,
              std::size_t triangleCount);
   ~pick_index();
   pick_index(pick_index&&) noexcept;

@@ -46,6 +46,7 @@ struct ScalarLanes {
   static constexpr int W = 1;
   static V Set1(float s) { return s; }
   static V Load(const float* p) { return *p; }
+  static V LoadQ(const std::uint8_t* p) { return float(*p); }
   static void Store(float* p, V v) { *p = v; }
   static V Add(V a, V b) { return a + b; }
   static V Sub(V a, V b) { return a - b; }
@@ -90,6 +91,12 @@ struct Sse2Lanes {
   static constexpr int W = 4;
   static V Set1(float s) { return _mm_set1_ps(s); }
   static V Load(const float* p) { return _mm_loadu_ps(p); }
+  static V LoadQ(const std::uint8_t* p) {
+    int bytes;
+    __builtin_memcpy(&bytes, p, 4);
+    const __m128i zero = _mm_setzero_si128();
+    return _mm_cvtepi32_ps(_mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(bytes), zero), zero));
+  }
   static void Store(float* p, V v) { _mm_storeu_ps(p, v); }
   static V Add(V a, V b) { return _mm_add_ps(a, b); }
   static V Sub(V a, V b) { return _mm_sub_ps(a, b); }
@@ -152,6 +159,9 @@ struct Avx2Lanes {
   static constexpr int W = 8;
   static V Set1(float s) { return _mm256_set1_ps(s); }
   static V Load(const float* p) { return _mm256_loadu_ps(p); }
+  static V LoadQ(const std::uint8_t* p) {
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
+  }
   static void Store(float* p, V v) { _mm256_storeu_ps(p, v); }
   static V Add(V a, V b) { return _mm256_add_ps(a, b); }
   static V Sub(V a, V b) { return _mm256_sub_ps(a, b); }
@@ -208,6 +218,10 @@ struct Avx512Lanes {
   static constexpr int W = 16;
   static V Set1(float s) { return _mm512_set1_ps(s); }
   static V Load(const float* p) { return _mm512_loadu_ps(p); }
+  static V LoadQ(const std::uint8_t* p) {  // zero-masked forms: see Corners
+    return _mm512_maskz_cvtepi32_ps(
+        0xffff, _mm512_maskz_cvtepu8_epi32(0xffff, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p))));
+  }
   static void Store(float* p, V v) { _mm512_storeu_ps(p, v); }
   static V Add(V a, V b) { return _mm512_add_ps(a, b); }
   static V Sub(V a, V b) { return _mm512_sub_ps(a, b); }
@@ -356,24 +370,25 @@ template <class L>
 template <class N>
 [[gnu::always_inline]] inline unsigned TestNode(const WideNode& n, const PickRay& r, float cut, float* tn) {
   using V = typename N::V;
-  const float* f = &n.lo[0][0];
-  const V ox = N::Set1(r.o[0]), oy = N::Set1(r.o[1]), oz = N::Set1(r.o[2]);
-  const V ix = N::Set1(r.inv[0]), iy = N::Set1(r.inv[1]), iz = N::Set1(r.inv[2]);
+  V o[3], inv[3], scale[3], origin[3];
+  for (int a = 0; a < 3; ++a) {
+    o[a] = N::Set1(r.o[a]), inv[a] = N::Set1(r.inv[a]);
+    scale[a] = N::Set1(n.scale[a]), origin[a] = N::Set1(n.origin[a]);
+  }
   const V limit = N::Set1(cut), robust = N::Set1(kRobustFar), zero = N::Set1(0.0f);
+  // A plane's entry or exit distance: decode, then the slab test's (p - o) / d.
+  const auto at = [&](int plane, int c) {
+    const int a = plane % 3;
+    return N::Mul(N::Sub(N::Add(N::Mul(N::LoadQ(n.q[plane] + c), scale[a]), origin[a]), o[a]), inv[a]);
+  };
   unsigned mask = 0;
   for (int c = 0; c < kWidth; c += N::W) {
-    const V nx = N::Mul(N::Sub(N::Load(f + r.near[0] + c), ox), ix);
-    const V ny = N::Mul(N::Sub(N::Load(f + r.near[1] + c), oy), iy);
-    const V nz = N::Mul(N::Sub(N::Load(f + r.near[2] + c), oz), iz);
-    const V fx = N::Mul(N::Sub(N::Load(f + r.far[0] + c), ox), ix);
-    const V fy = N::Mul(N::Sub(N::Load(f + r.far[1] + c), oy), iy);
-    const V fz = N::Mul(N::Sub(N::Load(f + r.far[2] + c), oz), iz);
-    const V tnear = N::Max(N::Max(nx, ny), N::Max(nz, zero));
-    const V tfar = N::Min(N::Min(fx, fy), fz);
+    const V tnear = N::Max(N::Max(at(r.near[0], c), at(r.near[1], c)), N::Max(at(r.near[2], c), zero));
+    const V tfar = N::Min(N::Min(at(r.far[0], c), at(r.far[1], c)), at(r.far[2], c));
     mask |= N::Le(tnear, N::Min(N::Mul(tfar, robust), limit)) << c;
     N::Store(tn + c, tnear);
   }
-  return mask;
+  return mask & n.valid;
 }
 
 // Asks for the cache lines of a node or of a leaf's packets, so children
@@ -473,23 +488,39 @@ void ColumnWalk(const PickData& d, const PickRay& r, PickBest& b) {
   const float x = r.o[0], y = r.o[1], z = r.o[2];
   if (!(x >= c.x0 && x <= c.x1 && y >= c.y0 && y <= c.y1)) return;
   const int fx = Fine(x, c.x0, c.sx, c.nx), fy = Fine(y, c.y0, c.sy, c.ny);
-  const std::size_t cell = std::size_t(fy / kFine) * std::size_t(c.nx) + std::size_t(fx / kFine);
+  const ColumnCell& cell = c.cells[std::size_t(fy / kFine) * std::size_t(c.nx) + std::size_t(fx / kFine)];
   const int qx = fx % kFine, qy = fy % kFine;
   const float perUnit = -1.0f / r.dir[2];
-  const ColumnEntry* e = c.entries + c.start[cell];
-  const ColumnEntry* const end = c.entries + c.start[cell + 1];
-  while (e < end) {
+  const ColumnEntry* e = cell.entry;
+  const ColumnEntry* stop = e + (cell.more & 7);
+  const std::uint32_t more = cell.more >> 3;
+  bool inCell = true;
+  for (bool done = false; !done;) {
     const ColumnEntry* picked[16];
     int n = 0;
-    for (; e < end && n < 16; ++e) {
+    while (n < 16) {
+      if (inCell && e == stop) {
+        if (more == kNoOverflow) {
+          done = true;
+          break;
+        }
+        e = c.overflow + more;
+        inCell = false;
+      }
+      if (!inCell && e->packet == kNoChild) {
+        done = true;
+        break;
+      }
       KEL_PICK_COUNT(entries);
-      if (qx < e->x0 || qx > e->x1 || qy < e->y0 || qy > e->y1) continue;
-      picked[n++] = e;
-      PrefetchLines(d.packets + 4 * std::size_t(e->packet), kPacketLines);
+      if (!(qx < e->x0 || qx > e->x1 || qy < e->y0 || qy > e->y1)) {
+        picked[n++] = e;
+        PrefetchLines(d.packets + 4 * std::size_t(e->packet), kPacketLines);
+      }
+      ++e;
     }
     for (int i = 0; i < n; ++i) {
-      if ((z - picked[i]->maxZ) * perUnit > Cutoff(b, r)) return;
       const std::uint8_t* p = d.packets + 4 * std::size_t(picked[i]->packet);
+      if ((z - Header(p).maxZ) * perUnit > Cutoff(b, r)) return;
       if (Header(p).minZ > z) continue;  // wholly above the origin
       TestPacket<T>(p, r, b);
     }
@@ -499,7 +530,7 @@ void ColumnWalk(const PickData& d, const PickRay& r, PickBest& b) {
 template <class T, class N>
 void Pick(const PickData& d, const PickRay& r, PickBest& b) {
   KEL_PICK_COUNT(rays);
-  if (r.down && d.columns.start)
+  if (r.down && d.columns.cells)
     ColumnWalk<T>(d, r, b);
   else
     TreeWalk<T, N>(d, r, b);

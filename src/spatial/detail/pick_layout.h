@@ -30,15 +30,23 @@ constexpr int kPacketVerts = 16;  // distinct vertices per packet
 constexpr std::uint32_t kLeafBit = 0x80000000u;
 constexpr std::uint32_t kNoChild = 0xffffffffu;
 
-// 512 bytes. Unused slots hold an empty box (+inf .. -inf), which every ray
-// misses, so kernels never look at the count of children.
+// 256 bytes. A child's box is stored in 8 bits per plane, relative to the
+// node: plane = q * scale + origin in float arithmetic, with scale a power of
+// two; the builder rounds every plane outward and checks it with this very
+// arithmetic, so a decoded box always holds the child's triangles. Only
+// children in `valid` are ever visited.
 struct alignas(64) WideNode {
-  float lo[3][kWidth];
-  float hi[3][kWidth];
+  float origin[3];
+  float scale[3];
+  std::uint32_t valid;
+  std::uint8_t spare[4];
+  std::uint8_t q[6][kWidth];  // planes: min x, y, z, max x, y, z
   std::uint32_t child[kWidth];
   std::uint32_t packets[kWidth];  // leaf children: packets in the run
 };
-static_assert(sizeof(WideNode) == 512);
+static_assert(sizeof(WideNode) == 256);
+
+inline float Decode(std::uint8_t q, float scale, float origin) { return float(q) * scale + origin; }
 
 // A packet: this header, the primitive numbers prim[triangles], the
 // vertices x[vertices], y[vertices], z[vertices], then 24 bytes of corner
@@ -82,26 +90,41 @@ inline int Fine(float v, float v0, float s, int cells) {
   return int(f);
 }
 
-// One entry of a column: a packet whose x/y box meets the cell, the part of
-// that box inside the cell in fine units, and the packet's top, so a
-// downward walk stops once the rest lies below its hit.
+// One entry of a column: a packet whose x/y box meets the cell and the part
+// of that box inside the cell in fine units. A column lists its packets
+// highest top first, so a downward walk stops at the first packet whose
+// top (in its header) lies below the best hit.
 struct ColumnEntry {
-  std::uint32_t packet;  // 4-byte units
-  float maxZ;
+  std::uint32_t packet;  // 4-byte units; kNoChild ends an overflow list
   std::uint8_t x0, x1, y0, y1;
 };
-static_assert(sizeof(ColumnEntry) == 12);
+static_assert(sizeof(ColumnEntry) == 8);
+
+// A cell: one cache line holding its first entries, so a vertical ray
+// needs one load to learn which packets to fetch; a longer column goes on
+// in the overflow list. `more` holds the count of entries here in its low
+// three bits and the overflow list's start above them (all ones: none).
+constexpr int kInlineEntries = 7;
+constexpr std::uint32_t kNoOverflow = 0xffffffffu >> 3;
+
+struct alignas(64) ColumnCell {
+  ColumnEntry entry[kInlineEntries];
+  std::uint32_t more;
+  std::uint32_t spare;
+};
+static_assert(sizeof(ColumnCell) == 64);
 
 struct Columns {
   float x0 = 0, y0 = 0, x1 = -1, y1 = -1;  // every packet box lies inside
   float sx = 0, sy = 0;                    // fine units per coordinate unit
   int nx = 0, ny = 0;
-  const std::uint32_t* start = nullptr;  // nx * ny + 1 offsets into entries
-  const ColumnEntry* entries = nullptr;
+  const ColumnCell* cells = nullptr;  // nx * ny
+  const ColumnEntry* overflow = nullptr;
 };
 
 struct PickData {
   const WideNode* nodes = nullptr;
+  float top = -HUGE_VALF;  // highest finite z
   std::uint32_t root = kNoChild;  // a node, a leaf reference, or kNoChild when empty
   std::uint32_t rootPackets = 0;  // packets when the root is a leaf
   const std::uint8_t* packets = nullptr;
@@ -120,7 +143,7 @@ struct PickRay {
   int kx, ky, kz;
   float sx, sy, sz;
   float inv[3];    // 1 / dir, kept finite (see PrepareRay)
-  int near[3];     // float offset of each axis's near plane inside WideNode
+  int near[3];     // each axis's near plane (0-5, as WideNode::q)
   int far[3];
   float slack;     // absolute part of the pruning margin
   bool down;       // exactly vertical, downward: the column walk applies
@@ -150,8 +173,8 @@ inline bool PrepareRay(const ray& in, float maxAbs, PickRay& r) {
     // test never meets 0 x inf (Embree does the same below 1e-18).
     r.inv[a] = std::fabs(r.dir[a]) >= 1e-18f ? 1.0f / r.dir[a] : std::copysign(1e18f, r.dir[a]);
     const bool back = r.inv[a] < 0.0f;
-    r.near[a] = (back ? 3 * kWidth : 0) + kWidth * a;
-    r.far[a] = (back ? 0 : 3 * kWidth) + kWidth * a;
+    r.near[a] = (back ? 3 : 0) + a;
+    r.far[a] = (back ? 0 : 3) + a;
     m = std::max(m, std::fabs(r.o[a]));
   }
   r.slack = m * 0x1p-18f;
