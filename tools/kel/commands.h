@@ -16,3 +16,5 @@ void AddTextureCommands(CLI::App& app);
 void AddSrsCommands(CLI::App& app);
 void AddDemoCommands(CLI::App& app);
 void AddBagCommands(CLI::App& app);
+void AddGeomCommands(CLI::App& app);
+void AddFeatureCommands(CLI::App& app);

@@ -39,7 +39,9 @@ std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
   AddTextureCommands(*app);
   AddSrsCommands(*app);
   AddBagCommands(*app);
+  AddFeatureCommands(*app);
   AddDemoCommands(*app);
+  AddGeomCommands(*app);
   return app;
 }
 
