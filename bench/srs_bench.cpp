@@ -11,9 +11,11 @@
 //                        (the ceiling: no tree, no tolerance guarantee).
 // Before timing, every side is checked against PROJ point by point (exact
 // sides bit for bit, TfCache within twice its tolerance, the grid within
-// 5 cm); a disagreement aborts with a non-zero exit. After the run a summary
-// prints throughput ratios from the median iterations and TfCache's largest
-// error against PROJ over all points.
+// 5 cm); a disagreement aborts with a non-zero exit. Wall time, 5 repetitions
+// of 3 iterations; after the run a summary prints throughput ratios from the
+// median iterations and TfCache's largest error against PROJ over all
+// points. scripts/bench.sh reads the cases (PointByPoint, Batch, Exact) from
+// the names.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -51,17 +53,18 @@ double Median(std::vector<double> v) {
   return v[v.size() / 2];
 }
 
-// Times `body` only; `prepare` (resetting the input) runs before the clock.
+// Times `body` only (wall time); `prepare` (resetting the input) runs with the
+// clock paused. Each iteration's time is also kept for the summary.
 template <typename P, typename F>
 void Timed(benchmark::State& state, const std::string& name, P&& prepare, F&& body) {
   std::vector<double>& times = Times()[name];
   for (auto _ : state) {
+    state.PauseTiming();
     prepare();
+    state.ResumeTiming();
     const auto t0 = std::chrono::steady_clock::now();
     body();
-    const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    times.push_back(s);
-    state.SetIterationTime(s);
+    times.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
   }
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kPoints));
 }
@@ -158,32 +161,29 @@ double LargestError(const std::vector<Vec2d>& got, const std::vector<Vec2d>& exa
 
 const char* Order(bool polyline) { return polyline ? "polyline" : "random"; }
 
-void BM_ProjPointByPoint(benchmark::State& state) {
+void ProjPointByPoint(benchmark::State& state) {
   const bool polyline = state.range(0);
   std::vector<Vec2d> pts;
-  Timed(state, std::string("proj point ") + Order(polyline), [&] { pts = Points(polyline); }, [&] {
-    Proj().pointByPoint(pts);
-  });
+  Timed(state, std::string("proj point ") + Order(polyline), [&] { pts = Points(polyline); },
+        [&] { Proj().pointByPoint(pts); });
 }
 
-void BM_ProjBatch(benchmark::State& state) {
+void ProjBatch(benchmark::State& state) {
   const bool polyline = state.range(0);
   std::vector<Vec2d> pts = Points(polyline);
   Proj().batch(pts);
   if (LargestError(pts, Exact(polyline)) != 0) return Fail(state, "proj_trans_generic differs from proj_trans");
-  Timed(state, std::string("proj batch ") + Order(polyline), [&] { pts = Points(polyline); }, [&] {
-    Proj().batch(pts);
-  });
+  Timed(state, std::string("proj batch ") + Order(polyline), [&] { pts = Points(polyline); },
+        [&] { Proj().batch(pts); });
 }
 
-void BM_SRSTransform(benchmark::State& state) {
+void OurSrsTransform(benchmark::State& state) {
   const bool polyline = state.range(0);
   std::vector<Vec2d> pts = Points(polyline);
   if (!Ours().Transform(kel::MakeDataArray(pts)) || LargestError(pts, Exact(polyline)) != 0)
     return Fail(state, "SRSTransform differs from PROJ");
-  Timed(state, std::string("srs transform ") + Order(polyline), [&] { pts = Points(polyline); }, [&] {
-    Ours().Transform(kel::MakeDataArray(pts));
-  });
+  Timed(state, std::string("srs transform ") + Order(polyline), [&] { pts = Points(polyline); },
+        [&] { Ours().Transform(kel::MakeDataArray(pts)); });
 }
 
 void RunCache(std::vector<Vec2d>& pts, bool batch) {
@@ -195,17 +195,15 @@ void RunCache(std::vector<Vec2d>& pts, bool batch) {
   }
 }
 
-void BM_TfCache(benchmark::State& state) {
+void OurCache(benchmark::State& state, bool batch) {
   const bool polyline = state.range(0);
-  const bool batch = state.range(1);
   std::vector<Vec2d> pts = Points(polyline);
   RunCache(pts, batch);
   const double error = LargestError(pts, Exact(polyline));
   g_largestError = std::max(g_largestError, error);
   if (error > 2 * kTolerance) return Fail(state, "TfCache is further than twice its tolerance from PROJ");
-  Timed(state, std::string(batch ? "cache batch " : "cache point ") + Order(polyline), [&] { pts = Points(polyline); }, [&] {
-    RunCache(pts, batch);
-  });
+  Timed(state, std::string(batch ? "cache batch " : "cache point ") + Order(polyline),
+        [&] { pts = Points(polyline); }, [&] { RunCache(pts, batch); });
 }
 
 // The ceiling: bilinear interpolation in a fixed, prebuilt grid.
@@ -233,32 +231,38 @@ struct FixedGrid {
   }
 };
 
-void BM_FixedGrid(benchmark::State& state) {
+void FixedGridSide(benchmark::State& state) {
   const bool polyline = state.range(0);
   static const FixedGrid grid;
   std::vector<Vec2d> pts = Points(polyline);
   grid.apply(pts);
   if (LargestError(pts, Exact(polyline)) > 0.05) return Fail(state, "fixed grid further than 5 cm from PROJ");
-  Timed(state, std::string("fixed grid ") + Order(polyline), [&] { pts = Points(polyline); }, [&] {
-    grid.apply(pts);
-  });
+  Timed(state, std::string("fixed grid ") + Order(polyline), [&] { pts = Points(polyline); },
+        [&] { grid.apply(pts); });
 }
 
-#define SRS_BENCH(fn) \
-  BENCHMARK(fn)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(7)->ArgName("polyline")
-SRS_BENCH(BM_ProjPointByPoint)->Arg(0)->Arg(1);
-SRS_BENCH(BM_ProjBatch)->Arg(0)->Arg(1);
-SRS_BENCH(BM_SRSTransform)->Arg(0)->Arg(1);
-BENCHMARK(BM_TfCache)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond)
-    ->Iterations(7)
-    ->ArgNames({"polyline", "batch"})
-    ->Args({0, 0})
-    ->Args({0, 1})
-    ->Args({1, 0})
-    ->Args({1, 1});
-SRS_BENCH(BM_FixedGrid)->Arg(0)->Arg(1);
+// Named BM_<case>_<side> for scripts/bench.sh: within a case and argument,
+// every other side is an anchor of the Kel side.
+void BM_PointByPoint_Kel(benchmark::State& state) { OurCache(state, false); }
+void BM_PointByPoint_Proj(benchmark::State& state) { ProjPointByPoint(state); }
+void BM_Batch_Kel(benchmark::State& state) { OurCache(state, true); }
+void BM_Batch_ProjPoint(benchmark::State& state) { ProjPointByPoint(state); }
+void BM_Batch_ProjGeneric(benchmark::State& state) { ProjBatch(state); }
+void BM_Batch_FixedGrid(benchmark::State& state) { FixedGridSide(state); }
+void BM_Exact_KelSrs(benchmark::State& state) { OurSrsTransform(state); }
+void BM_Exact_Proj(benchmark::State& state) { ProjPointByPoint(state); }
+
+#define SRS_BENCH(fn)                                                                                          \
+  BENCHMARK(fn)->ArgName("polyline")->Arg(0)->Arg(1)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(3) \
+      ->Repetitions(5)
+SRS_BENCH(BM_PointByPoint_Kel);
+SRS_BENCH(BM_PointByPoint_Proj);
+SRS_BENCH(BM_Batch_Kel);
+SRS_BENCH(BM_Batch_ProjPoint);
+SRS_BENCH(BM_Batch_ProjGeneric);
+SRS_BENCH(BM_Batch_FixedGrid);
+SRS_BENCH(BM_Exact_KelSrs);
+SRS_BENCH(BM_Exact_Proj);
 
 void Ratio(const char* label, const std::string& ours, const std::string& theirs) {
   const auto& t = Times();

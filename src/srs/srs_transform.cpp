@@ -57,9 +57,10 @@ std::shared_ptr<SRSTransform> SRSTransform::Create(const std::wstring& sourceCod
   return Create(SRSCoordSys::Create(sourceCode), SRSCoordSys::Create(targetCode));
 }
 
+namespace {
+
 // Writes back only on success, so a failed point keeps its input.
-bool SRSTransform::TransformXY(double& x, double& y) const {
-  PJ* pj = transform_->local();
+bool TransformXY(PJ* pj, double& x, double& y) {
   if (pj == nullptr) return false;
   const PJ_COORD out = proj_trans(pj, PJ_FWD, proj_coord(x, y, 0.0, HUGE_VAL));
   if (!std::isfinite(out.xy.x) || !std::isfinite(out.xy.y)) return false;
@@ -67,6 +68,10 @@ bool SRSTransform::TransformXY(double& x, double& y) const {
   y = out.xy.y;
   return true;
 }
+
+}  // namespace
+
+bool SRSTransform::TransformXY(double& x, double& y) const { return kel::TransformXY(transform_->local(), x, y); }
 
 bool SRSTransform::Transform(double& x, double& y) const {
   if (TransformXY(x, y)) return true;
@@ -87,10 +92,12 @@ bool SRSTransform::Transform(Vec<3, double>& p) const { return Transform(p.x(), 
 
 bool SRSTransform::Transform(Vec<2, double>& p) const { return Transform(p.x(), p.y()); }
 
+// The loops look up this thread's PROJ copy once, not per point.
 bool SRSTransform::Transform(GeometryBuffer& g) const {
+  PJ* pj = transform_->local();
   double* xyz = g.pointData();
   for (int i = 0, n = g.pointCount(); i < n; ++i, xyz += 3) {
-    if (!TransformXY(xyz[0], xyz[1])) {
+    if (!kel::TransformXY(pj, xyz[0], xyz[1])) {
       LogTransformError();
       return false;
     }
@@ -101,8 +108,9 @@ bool SRSTransform::Transform(GeometryBuffer& g) const {
 }
 
 bool SRSTransform::Transform(const IDataArray<Vec<3, double>>& points) const {
+  PJ* pj = transform_->local();
   for (Vec<3, double>& p : points) {
-    if (!TransformXY(p.x(), p.y())) {
+    if (!kel::TransformXY(pj, p.x(), p.y())) {
       LogTransformError();
       return false;
     }
@@ -112,8 +120,9 @@ bool SRSTransform::Transform(const IDataArray<Vec<3, double>>& points) const {
 }
 
 bool SRSTransform::Transform(const IDataArray<Vec<2, double>>& points) const {
+  PJ* pj = transform_->local();
   for (Vec<2, double>& p : points) {
-    if (!TransformXY(p.x(), p.y())) {
+    if (!kel::TransformXY(pj, p.x(), p.y())) {
       LogTransformError();
       return false;
     }

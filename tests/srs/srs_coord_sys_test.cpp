@@ -96,14 +96,9 @@ TEST(SRSCoordSys, LibraryCodesNameTheirEpsgSystems) {
 }
 
 TEST(SRSCoordSys, CreateReadsEveryDefinitionForm) {
-  const std::wstring utmWkt1 = Utf8String2WString(
-      "PROJCS[\"WGS 84 / UTM zone 32N\",GEOGCS[\"WGS 84\",DATUM[\"WGS_1984\",SPHEROID[\"WGS 84\",6378137,"
-      "298.257223563,AUTHORITY[\"EPSG\",\"7030\"]],AUTHORITY[\"EPSG\",\"6326\"]],PRIMEM[\"Greenwich\",0,"
-      "AUTHORITY[\"EPSG\",\"8901\"]],UNIT[\"degree\",0.0174532925199433,AUTHORITY[\"EPSG\",\"9122\"]],"
-      "AUTHORITY[\"EPSG\",\"4326\"]],PROJECTION[\"Transverse_Mercator\"],PARAMETER[\"latitude_of_origin\",0],"
-      "PARAMETER[\"central_meridian\",9],PARAMETER[\"scale_factor\",0.9996],PARAMETER[\"false_easting\",500000],"
-      "PARAMETER[\"false_northing\",0],UNIT[\"metre\",1,AUTHORITY[\"EPSG\",\"9001\"]],AXIS[\"Easting\",EAST],"
-      "AXIS[\"Northing\",NORTH],AUTHORITY[\"EPSG\",\"32632\"]]");
+  const std::wstring nad27Wkt1 = Utf8String2WString(
+      "GEOGCS[\"NAD27\",DATUM[\"North_American_Datum_1927\",SPHEROID[\"Clarke 1866\",6378206.4,294.978698213898]],"
+      "PRIMEM[\"Greenwich\",0],UNIT[\"degree\",0.0174532925199433],AUTHORITY[\"EPSG\",\"4267\"]]");
   const std::wstring projjson = Utf8String2WString(
       R"({"type":"GeographicCRS","name":"WGS 84","datum":{"type":"GeodeticReferenceFrame","name":"World Geodetic System 1984","ellipsoid":{"name":"WGS 84","semi_major_axis":6378137,"inverse_flattening":298.257223563}},"coordinate_system":{"subtype":"ellipsoidal","axis":[{"name":"Geodetic latitude","abbreviation":"Lat","direction":"north","unit":"degree"},{"name":"Geodetic longitude","abbreviation":"Lon","direction":"east","unit":"degree"}]},"id":{"authority":"EPSG","code":4326}})");
   const struct {
@@ -118,7 +113,7 @@ TEST(SRSCoordSys, CreateReadsEveryDefinitionForm) {
       {L"ESRI:102100", L"ESRI:102100"},
       {L"IGNF:LAMB93", L"IGNF:LAMB93"},
       {L"urn:ogc:def:crs:EPSG::32632", L"UTM84-32N"},
-      {utmWkt1, L"UTM84-32N"},
+      {nad27Wkt1, L"LL27"},
       {SRSUtils::ConvertCoordinateSystemCodeToWkt(L"EPSG:3035"), L"EPSG:3035"},
       {projjson, L"LL84"},
       // A PROJ string carries no name, so PROJ never matches it fully.
@@ -152,36 +147,23 @@ TEST(SRSCoordSys, FailuresAreEmptyWarnedOnceAndRemembered) {
   }
 }
 
+// A system's WKT reads back as the same system: with the code registered
+// first, as the very same object; with the definition first, its code then
+// names the definition's object.
 TEST(SRSCoordSys, DefinitionAndItsCodeShareOneObject) {
-  // The definition first: its code then names the same object.
-  const Sys first = SRSCoordSys::Create(SRSUtils::ConvertCoordinateSystemCodeToWkt(L"UTM84-7S"));
-  ASSERT_TRUE(first);
-  EXPECT_EQ(SRSCoordSys::Create(L"UTM84-7S"), first);
-  EXPECT_EQ(SRSCoordSys::Create(L"32707"), first);
-  // The code first: the definition gives the code's object.
-  const std::wstring wkt = SRSUtils::ConvertCoordinateSystemCodeToWkt(L"LL84");
-  ASSERT_FALSE(wkt.empty());
-  const Sys fromWkt = SRSCoordSys::Create(wkt);
-  ASSERT_TRUE(fromWkt);
-  EXPECT_EQ(fromWkt->GetCode(), L"LL84");
-  EXPECT_EQ(SRSCoordSys::Create(L"LL84"), fromWkt);
-  EXPECT_EQ(SRSCoordSys::Create(L"4326"), fromWkt);
-}
-
-// Every system's WKT reads back as the same system under the same code.
-TEST(SRSCoordSys, WktRoundTripsThroughCreate) {
-  for (const wchar_t* code : {L"UTM84-33S", L"LL27", L"WGS84.PseudoMercator", L"EPSG:2056", L"EPSG:2240",
+  for (const wchar_t* code : {L"LL84", L"UTM84-33S", L"LL27", L"WGS84.PseudoMercator", L"EPSG:2056", L"EPSG:2240",
                               L"EPSG:4807", L"EPSG:5555", L"EPSG:31467", L"NERTH", L"NERTH-SRT"}) {
     SCOPED_TRACE(WString2Utf8String(code));
     const Sys s = SRSCoordSys::Create(code);
     ASSERT_TRUE(s);
     const std::wstring wkt = s->GetWkt();
     EXPECT_EQ(SRSUtils::ConvertWktToCoordinateSystemCode(wkt), code);
-    const Sys back = SRSCoordSys::Create(wkt);
-    ASSERT_TRUE(back);
-    EXPECT_EQ(back->GetCode(), code);
-    EXPECT_TRUE(back->IsSameAs(s.get()));
+    EXPECT_EQ(SRSCoordSys::Create(wkt), s);
   }
+  const Sys first = SRSCoordSys::Create(SRSUtils::ConvertCoordinateSystemCodeToWkt(L"UTM84-7S"));
+  ASSERT_TRUE(first);
+  EXPECT_EQ(SRSCoordSys::Create(L"UTM84-7S"), first);
+  EXPECT_EQ(SRSCoordSys::Create(L"32707"), first);
 }
 
 TEST(SRSCoordSys, UnitsScalesAndPrecisions) {

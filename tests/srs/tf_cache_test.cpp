@@ -175,34 +175,34 @@ TEST(TfCache, AffineTransformIsALeafAfterOneTest) {
   EXPECT_EQ(cache.nodeCount(), 1u);
 }
 
-TEST(TfCache, ZeroToleranceSplitsUntilTheDepthLimitThenTransformsExactly) {
+// Past the depth limit every query is the exact transform, with a warning.
+TEST(TfCache, DepthLimitFallsBackToTheExactTransform) {
   const auto utm = ToUtm();
-  test::LogCapture log;
-  TfCache cache(kRegion, 0.0, utm.get(), 5);
-  Vec2d p(9.61, 48.07);
-  Vec2d exact = p;
-  utm->Transform(exact);
-  cache.transform(p);
-  EXPECT_TRUE(SameBits(p, exact));
-  // Five nodes tested and split on the way down, the sixth visit falls back.
-  EXPECT_EQ(cache.nodeCount(), 1u + 5 * 4);
-  EXPECT_EQ(cache.vertexCount(), 4u + 5 * 5);
-  EXPECT_EQ(log.log().countOf(kDepthWarning), 1);
-}
-
-TEST(TfCache, DepthOneFallsBackOnEveryQueryOnceTheRootFails) {
-  const auto utm = ToUtm();
-  test::LogCapture log;
-  TfCache cache(kRegion, 1e-6, utm.get(), 1);
-  const std::vector<Vec2d> pts = RandomIn(kRegion, 3, 5);
-  for (Vec2d p : pts) {
-    Vec2d exact = p;
-    utm->Transform(exact);
-    cache.transform(p);
-    EXPECT_TRUE(SameBits(p, exact));
+  const struct {
+    double tolerance;
+    std::size_t maxDepth, queries, nodes, vertices;
+  } cases[] = {
+      {0.0, 5, 1, 1 + 5 * 4, 4 + 5 * 5},  // five nodes split on the way down, the sixth visit falls back
+      {1e-6, 1, 3, 5, 9},                 // the root split once, its children never tested
+  };
+  for (const auto& c : cases) {
+    test::LogCapture log;
+    TfCache cache(kRegion, c.tolerance, utm.get(), c.maxDepth);
+    for (Vec2d p : RandomIn(kRegion, c.queries, 5)) {
+      Vec2d exact = p;
+      utm->Transform(exact);
+      cache.transform(p);
+      EXPECT_TRUE(SameBits(p, exact));
+    }
+    EXPECT_EQ(cache.nodeCount(), c.nodes);
+    EXPECT_EQ(cache.vertexCount(), c.vertices);
+    EXPECT_EQ(log.log().countOf(kDepthWarning), static_cast<int>(c.queries));
   }
-  EXPECT_EQ(cache.nodeCount(), 5u);  // the root was split once, its children never tested
-  EXPECT_EQ(log.log().countOf(kDepthWarning), 3);
+  TfCache none(kRegion, 0.001, nullptr, 0);  // no transform: nothing changes
+  Vec2d p(9.6, 48.1);
+  none.transform(p);
+  EXPECT_EQ(p, Vec2d(9.6, 48.1));
+  EXPECT_EQ(none.nodeCount(), 0u);
 }
 
 TEST(TfCache, RegionCentreGoesToTheUpperRightChild) {
@@ -219,17 +219,6 @@ TEST(TfCache, RegionCentreGoesToTheUpperRightChild) {
   const Vec2d tested = rec.calls[9];
   EXPECT_NEAR(tested.x(), upperRight.x(), 1e-12);
   EXPECT_NEAR(tested.y(), upperRight.y(), 1e-12);
-}
-
-TEST(TfCache, NullTransformChangesNothing) {
-  TfCache cache(kRegion, 0.001, nullptr, 0);
-  Vec2d p(9.6, 48.1);
-  std::vector<Vec2d> pts{p, p};
-  cache.transform(p);
-  cache.transform(MakeDataArray(pts));
-  EXPECT_EQ(p, Vec2d(9.6, 48.1));
-  EXPECT_EQ(pts[1], Vec2d(9.6, 48.1));
-  EXPECT_EQ(cache.nodeCount(), 0u);
 }
 
 // Single and batch calls must be the literal algorithm bit for bit, in every

@@ -56,7 +56,7 @@ public:
 
 private:
   SRSTransform(std::unique_ptr<detail::SharedPj> transform, double heightScale);
-  bool TransformXY(double& x, double& y) const;
+  KEL_NO_EXPORT bool TransformXY(double& x, double& y) const;
 
   std::unique_ptr<detail::SharedPj> transform_;
   double heightScale_;
