@@ -66,6 +66,28 @@ std::wstring IsoText(OGRFeature& f, int field, FeaturePropertyType type) {
   return date + L'T' + time + zone;
 }
 
+// UTF-8 into `out`, reusing its buffer: ASCII (the common case) byte by
+// byte, anything else through the library's converter.
+void AssignUtf8(std::wstring& out, const char* text) {
+  out.clear();
+  for (const char* p = text; *p; ++p) {
+    if (static_cast<unsigned char>(*p) >= 0x80) {
+      out = Utf8String2WString(text);
+      return;
+    }
+    out.push_back(static_cast<wchar_t>(*p));
+  }
+}
+
+// Only ENVELOPEINTERSECTS may ask a GeoPackage's R-tree directly.
+bool HasEnvelopeTest(const FdoFilter& f) {
+  if (const auto* b = dynamic_cast<const FdoBinaryLogicalOperator*>(&f))
+    return HasEnvelopeTest(*b->left()) || HasEnvelopeTest(*b->right());
+  if (const auto* n = dynamic_cast<const FdoUnaryLogicalOperator*>(&f)) return HasEnvelopeTest(*n->operand());
+  const auto* s = dynamic_cast<const FdoSpatialCondition*>(&f);
+  return s && s->operation() == FdoSpatialOperation::EnvelopeIntersects;
+}
+
 bool IsSqlite(GDALDataset& ds) {
   const char* driver = ds.GetDriverName();
   return driver && (EQUAL(driver, "GPKG") || EQUAL(driver, "SQLite"));
@@ -85,13 +107,16 @@ public:
 
   bool ReadNext() override {
     if (done_) return false;
-    GdalErrors errors;
+    // No error capture here: pushing a GDAL handler per feature costs an
+    // allocation. The thread's last error tells a failed read from the end.
+    CPLErrorReset();
     for (;;) {
       current_.reset(layer_->GetNextFeature());
       if (!current_) {
         done_ = true;
-        if (errors.any())
-          KEL_LOG_ERROR(L"Reading class '" + shape_.definition.name + L"' failed: " + errors.text());
+        if (CPLGetLastErrorType() >= CE_Failure)
+          KEL_LOG_ERROR(L"Reading class '" + shape_.definition.name + L"' failed: " +
+                        Utf8String2WString(CPLGetLastErrorMsg()));
         return false;
       }
       if (hasResidual_ && !residual_.Matches(*current_)) continue;
@@ -119,7 +144,7 @@ private:
         case FeaturePropertyType::Int32:
         case FeaturePropertyType::Int64: v.integer = f.GetFieldAsInteger64(field); break;
         case FeaturePropertyType::Double: v.real = f.GetFieldAsDouble(field); break;
-        case FeaturePropertyType::String: v.text = Utf8String2WString(f.GetFieldAsString(field)); break;
+        case FeaturePropertyType::String: AssignUtf8(v.text, f.GetFieldAsString(field)); break;
         case FeaturePropertyType::Date:
         case FeaturePropertyType::Time:
         case FeaturePropertyType::DateTime: v.text = IsoText(f, field, type); break;
@@ -261,7 +286,7 @@ FeatureReaderPtr FeatureSource::Select(const std::wstring& className, const FdoF
     KEL_LOG_ERROR(L"Feature class '" + className + L"' does not exist in " + Redacted(impl_->connection));
     return nullptr;
   }
-  LayerShape shape = features_detail::DescribeLayer(*layer);
+  LayerShape shape = features_detail::DescribeLayer(*layer, false);
   if (errors.any()) {
     // A virtual layer over a table without its configured columns, say.
     KEL_LOG_ERROR(L"Class '" + className + L"' cannot be read: " + errors.text());
@@ -271,7 +296,8 @@ FeatureReaderPtr FeatureSource::Select(const std::wstring& className, const FdoF
     // LIKE tells letter case apart in every other store; make SQLite agree.
     if (OGRLayer* r = ds->ExecuteSQL("PRAGMA case_sensitive_like = 1", nullptr, nullptr)) ds->ReleaseResultSet(r);
   }
-  const FdoQueryTarget target = features_detail::QueryTarget(*ds, *layer, shape.definition);
+  const FdoQueryTarget target =
+      features_detail::QueryTarget(*ds, *layer, shape.definition, filter && HasEnvelopeTest(*filter));
   FdoQuery query;
   FdoFilterParser parser(target);
   if (!parser.Parse(filter, query)) {
@@ -285,14 +311,17 @@ FeatureReaderPtr FeatureSource::Select(const std::wstring& className, const FdoF
     return nullptr;
   }
   if (query.hasSpatialFilter) {
-    // Widen a little: some stores round the box when they write it into SQL
-    // or compare strictly; the exact test runs afterwards anyway.
-    const BBox<2, double>& b = query.spatialFilterBox;
-    const double margin =
-        1e-9 * std::max({1.0, std::abs(b.min.x()), std::abs(b.min.y()), std::abs(b.max.x()), std::abs(b.max.y())});
+    BBox<2, double> b = query.spatialFilterBox;
+    if (target.dialect == FdoSqlDialect::Portable) {
+      // Virtual layers write the box into SQL with 15 digits and compare
+      // strictly: widen it a little (their features are tested afterwards).
+      const double margin =
+          1e-9 * std::max({1.0, std::abs(b.min.x()), std::abs(b.min.y()), std::abs(b.max.x()), std::abs(b.max.y())});
+      b.min = b.min - Vec2d(margin, margin);
+      b.max = b.max + Vec2d(margin, margin);
+    }
     const int p = shape.definition.find(query.spatialFilterProperty);
-    layer->SetSpatialFilterRect(shape.ogrIndex[p], b.min.x() - margin, b.min.y() - margin, b.max.x() + margin,
-                                b.max.y() + margin);
+    layer->SetSpatialFilterRect(shape.ogrIndex[p], b.min.x(), b.min.y(), b.max.x(), b.max.y());
   }
   auto reader = std::make_unique<OgrFeatureReader>(std::move(ds), layer, shape);
   if (query.residual && !reader->residual().Compile(*query.residual, *layer, shape, target)) {

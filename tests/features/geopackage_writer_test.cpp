@@ -25,7 +25,7 @@ bool Export(const std::wstring& from, const std::wstring& to) {
   if (!source || !writer) return false;
   for (const FeatureClassDefinition& c : source->GetClasses()) {
     auto reader = source->Select(c.name, nullptr);
-    if (!reader || !writer->AddClass(reader->definition())) return false;
+    if (!reader || !writer->AddClass(c)) return false;
     while (reader->ReadNext())
       if (!writer->Write(c.name, reader->feature())) return false;
   }
@@ -36,6 +36,10 @@ bool Export(const std::wstring& from, const std::wstring& to) {
 void ExpectSameFeatures(const std::wstring& a, const std::wstring& b, const std::wstring& className) {
   auto sa = FeatureSource::Open(a), sb = FeatureSource::Open(b);
   ASSERT_TRUE(sa && sb);
+  FeatureClassDefinition da, db;
+  ASSERT_TRUE(sa->DescribeClass(className, da) && sb->DescribeClass(className, db));
+  EXPECT_EQ(da.properties.back().coordinateSystem.empty(), db.properties.back().coordinateSystem.empty());
+  EXPECT_EQ(da.properties.back().geometryType, db.properties.back().geometryType);
   auto ra = sa->Select(className, nullptr), rb = sb->Select(className, nullptr);
   ASSERT_TRUE(ra && rb);
   GeosContextPtr ctx = MakeGeosContext();

@@ -57,6 +57,9 @@ public:
   // The current feature, valid until the next ReadNext. Its buffers are
   // reused from feature to feature.
   virtual const Feature& feature() const = 0;
+  // The class as the reader sees it; coordinate systems are left empty
+  // (FeatureSource::DescribeClass has them), since looking them up costs
+  // more than reading a few thousand features.
   virtual const FeatureClassDefinition& definition() const = 0;
   // The attributes as a bag: property name to the value as text, integers
   // in decimal, doubles in the shortest form that reads back the same (so
