@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <mutex>
 
 #include "features/detail/filter_text.h"
 #include "features/detail/gdal_util.h"
@@ -93,10 +94,69 @@ bool IsSqlite(GDALDataset& ds) {
   return driver && (EQUAL(driver, "GPKG") || EQUAL(driver, "SQLite"));
 }
 
+// Connections for readers. Filters and read positions are layer state in
+// GDAL, so each live reader has a connection of its own; a finished reader's
+// connection waits here for the next one, which saves a reconnect per Select
+// (tens of milliseconds for PostGIS).
+class ConnectionPool {
+public:
+  explicit ConnectionPool(std::wstring connection) : connection_(std::move(connection)) {}
+
+  DatasetPtr Take(GdalErrors& errors) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!idle_.empty()) {
+        DatasetPtr ds = std::move(idle_.back());
+        idle_.pop_back();
+        return ds;
+      }
+    }
+    return features_detail::OpenVector(connection_, false, errors);
+  }
+  void Give(DatasetPtr ds) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (idle_.size() < kKeep) idle_.push_back(std::move(ds));
+  }
+
+private:
+  static constexpr std::size_t kKeep = 4;
+  std::wstring connection_;
+  std::mutex mutex_;
+  std::vector<DatasetPtr> idle_;
+};
+
+// A connection taken from the pool; back it goes with its layer's filters
+// cleared, unless a read failed on it.
+class Lease {
+public:
+  Lease(std::shared_ptr<ConnectionPool> pool, DatasetPtr ds) : pool_(std::move(pool)), ds_(std::move(ds)) {}
+  ~Lease() {
+    if (!ds_) return;
+    if (layer_) {
+      layer_->SetAttributeFilter(nullptr);
+      layer_->SetSpatialFilter(nullptr);
+      layer_->ResetReading();
+    }
+    if (!broken_) pool_->Give(std::move(ds_));
+  }
+  Lease(Lease&&) = default;
+  Lease& operator=(Lease&&) = delete;
+
+  GDALDataset* get() const { return ds_.get(); }
+  void use(OGRLayer* layer) { layer_ = layer; }
+  void markBroken() { broken_ = true; }
+
+private:
+  std::shared_ptr<ConnectionPool> pool_;
+  DatasetPtr ds_;
+  OGRLayer* layer_ = nullptr;
+  bool broken_ = false;
+};
+
 class OgrFeatureReader final : public FeatureReader {
 public:
-  OgrFeatureReader(DatasetPtr dataset, OGRLayer* layer, LayerShape shape)
-      : dataset_(std::move(dataset)), layer_(layer), shape_(std::move(shape)) {
+  OgrFeatureReader(Lease lease, OGRLayer* layer, LayerShape shape)
+      : lease_(std::move(lease)), layer_(layer), shape_(std::move(shape)) {
     feature_.values.resize(shape_.definition.properties.size());
   }
 
@@ -114,9 +174,11 @@ public:
       current_.reset(layer_->GetNextFeature());
       if (!current_) {
         done_ = true;
-        if (CPLGetLastErrorType() >= CE_Failure)
+        if (CPLGetLastErrorType() >= CE_Failure) {
           KEL_LOG_ERROR(L"Reading class '" + shape_.definition.name + L"' failed: " +
                         Utf8String2WString(CPLGetLastErrorMsg()));
+          lease_.markBroken();
+        }
         return false;
       }
       if (hasResidual_ && !residual_.Matches(*current_)) continue;
@@ -172,7 +234,7 @@ private:
     }
   }
 
-  DatasetPtr dataset_;
+  Lease lease_;
   OGRLayer* layer_;
   LayerShape shape_;
   features_detail::ResidualFilter residual_;
@@ -218,7 +280,8 @@ PropertyBag FeatureReader::attributes() const {
 
 struct FeatureSource::Impl {
   std::wstring connection;
-  DatasetPtr dataset;
+  DatasetPtr dataset;  // for listing; readers use the pool
+  std::shared_ptr<ConnectionPool> pool;
 };
 
 FeatureSource::FeatureSource(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
@@ -234,6 +297,7 @@ std::shared_ptr<FeatureSource> FeatureSource::Open(const std::wstring& connectio
   auto impl = std::make_unique<Impl>();
   impl->connection = connection;
   impl->dataset = std::move(ds);
+  impl->pool = std::make_shared<ConnectionPool>(connection);
   return std::shared_ptr<FeatureSource>(new FeatureSource(std::move(impl)));
 }
 
@@ -274,9 +338,8 @@ std::int64_t FeatureSource::GetFeatureCount(const std::wstring& className) const
 
 FeatureReaderPtr FeatureSource::Select(const std::wstring& className, const FdoFilterPtr& filter) const {
   GdalErrors errors;
-  // A connection per reader: filters and read positions are layer state in
-  // GDAL, so readers sharing one would disturb each other.
-  DatasetPtr ds = features_detail::OpenVector(impl_->connection, false, errors);
+  Lease lease(impl_->pool, impl_->pool->Take(errors));
+  GDALDataset* ds = lease.get();
   if (!ds) {
     KEL_LOG_ERROR(L"Cannot open feature source " + Redacted(impl_->connection) + L": " + errors.text());
     return nullptr;
@@ -286,6 +349,7 @@ FeatureReaderPtr FeatureSource::Select(const std::wstring& className, const FdoF
     KEL_LOG_ERROR(L"Feature class '" + className + L"' does not exist in " + Redacted(impl_->connection));
     return nullptr;
   }
+  lease.use(layer);
   LayerShape shape = features_detail::DescribeLayer(*layer, false);
   if (errors.any()) {
     // A virtual layer over a table without its configured columns, say.
@@ -323,7 +387,7 @@ FeatureReaderPtr FeatureSource::Select(const std::wstring& className, const FdoF
     const int p = shape.definition.find(query.spatialFilterProperty);
     layer->SetSpatialFilterRect(shape.ogrIndex[p], b.min.x(), b.min.y(), b.max.x(), b.max.y());
   }
-  auto reader = std::make_unique<OgrFeatureReader>(std::move(ds), layer, shape);
+  auto reader = std::make_unique<OgrFeatureReader>(std::move(lease), layer, shape);
   if (query.residual && !reader->residual().Compile(*query.residual, *layer, shape, target)) {
     KEL_LOG_ERROR(L"Filter cannot run on class '" + className + L"': " + filter->ToText().substr(0, 200));
     return nullptr;

@@ -9,7 +9,8 @@
 // filter the store cannot run, a read error) are logged errors and a null
 // or false result; nothing is thrown. A FeatureSource and each reader belong
 // to one thread at a time; readers are independent of each other and of
-// their source (each holds its own connection), so several may run at once.
+// their source (each holds a connection of its own while it lives, handed
+// on to the next reader when it ends), so several may run at once.
 #pragma once
 
 #include <cstdint>
