@@ -230,6 +230,20 @@ TEST_F(Odbc, ClassesReadThroughGdalSelectWhatSqlSelects) {
   }
 }
 
+TEST_F(Odbc, DataSourceOpensDirectlyWithoutSchemaFile) {
+  ASSERT_TRUE(Configuration().WriteDataSource(W(*dir / "odbc.ini")));
+  auto source = FeatureSource::Open(L"ODBC:kel_city");
+  ASSERT_NE(source, nullptr);
+  FeatureClassDefinition points;
+  ASSERT_TRUE(source->DescribeClass(L"points", points));
+  EXPECT_EQ(points.identityProperty, L"FID");  // GDAL numbers by the primary key but names no column
+  auto reader = source->Select(L"points", FdoFilterUtil::Parse(L"(FID < 150) AND (floors >= 3) AND (name LIKE 'Ma%')"));
+  ASSERT_NE(reader, nullptr);
+  EXPECT_EQ(test::ReadIds(*reader),
+            test::SqlIds((*dir / "city.db").string(),
+                         "SELECT id FROM points WHERE id < 150 AND floors >= 3 AND name GLOB 'Ma*'", nullptr));
+}
+
 TEST_F(Odbc, TableWithoutTheConfiguredColumnsGivesNothing) {
   test::LogCapture log;
   OdbcConfiguration config = Configuration();
