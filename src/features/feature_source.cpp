@@ -178,6 +178,7 @@ public:
           KEL_LOG_ERROR(L"Reading class '" + shape_.definition.name + L"' failed: " +
                         Utf8String2WString(CPLGetLastErrorMsg()));
           lease_.markBroken();
+          failed_ = true;
         }
         return false;
       }
@@ -189,6 +190,7 @@ public:
 
   const Feature& feature() const override { return feature_; }
   const FeatureClassDefinition& definition() const override { return shape_.definition; }
+  bool failed() const override { return failed_; }
 
 private:
   void Fill() {
@@ -239,6 +241,7 @@ private:
   LayerShape shape_;
   features_detail::ResidualFilter residual_;
   bool hasResidual_ = false;
+  bool failed_ = false;
   OgrFeaturePtr current_;
   Feature feature_;
   bool done_ = false;
@@ -303,9 +306,8 @@ std::shared_ptr<FeatureSource> FeatureSource::Open(const std::wstring& connectio
 
 const std::wstring& FeatureSource::connection() const { return impl_->connection; }
 
-std::vector<FeatureClassDefinition> FeatureSource::GetClasses() const {
+void FeatureSource::GetClasses(IEnumerate<FeatureClassDefinition>& sink) const {
   GdalErrors errors;
-  std::vector<FeatureClassDefinition> out;
   for (int i = 0; i < impl_->dataset->GetLayerCount(); ++i) {
     OGRLayer* layer = impl_->dataset->GetLayer(i);
     if (!layer) continue;
@@ -315,9 +317,27 @@ std::vector<FeatureClassDefinition> FeatureSource::GetClasses() const {
       KEL_LOG_ERROR(L"Class '" + def.name + L"' cannot be read: " + errors.text());
       continue;
     }
-    out.push_back(std::move(def));
+    if (!sink.push(def)) return;
   }
+}
+
+std::vector<FeatureClassDefinition> FeatureSource::GetClasses() const {
+  std::vector<FeatureClassDefinition> out;
+  EnumerateIntoPushBackContainer<std::vector<FeatureClassDefinition>> sink(out);
+  GetClasses(sink);
   return out;
+}
+
+std::int64_t FeatureSource::ReadFeatures(const std::wstring& className, const FdoFilterPtr& filter,
+                                         IEnumerate<Feature>& sink) const {
+  FeatureReaderPtr reader = Select(className, filter);
+  if (!reader) return -1;
+  std::int64_t n = 0;
+  while (reader->ReadNext()) {
+    ++n;
+    if (!sink.push(reader->feature())) return n;
+  }
+  return reader->failed() ? -1 : n;
 }
 
 bool FeatureSource::DescribeClass(const std::wstring& className, FeatureClassDefinition& out) const {

@@ -251,6 +251,18 @@ TEST_F(FileStores, ReadersAreIndependentAndLeaveNoFilterBehind) {
     ASSERT_NE(again, nullptr);
     EXPECT_EQ(test::ReadIds(*again), all) << round;
   }
+  // The sink form stops when the sink says so.
+  struct FirstTen final : IEnumerate<Feature> {
+    std::vector<std::int64_t> ids;
+    bool push(const Feature& f) override {
+      ids.push_back(f.id);
+      return ids.size() < 10;
+    }
+  } ten;
+  EXPECT_EQ(source->ReadFeatures(L"buildings", nullptr, ten), 10);
+  EXPECT_EQ(ten.ids.size(), 10u);
+  test::LogCapture log;
+  EXPECT_EQ(source->ReadFeatures(L"nope", nullptr, ten), -1);
 }
 
 TEST_F(FileStores, LikeTellsLetterCaseApart) {
