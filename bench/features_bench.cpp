@@ -287,7 +287,7 @@ double Resident() {
   return static_cast<double>(resident) * static_cast<double>(::sysconf(_SC_PAGESIZE));
 }
 
-// How much the process grows while our reader walks a whole layer.
+// How much the process grows (KiB) while our reader walks a whole layer.
 double Growth(const Layer& layer) {
   auto source = kel::FeatureSource::Open(kel::Utf8String2WString(layer.path.string()));
   if (!source) return -1;
@@ -297,7 +297,7 @@ double Growth(const Layer& layer) {
   double peak = start;
   for (std::int64_t n = 1; reader->ReadNext(); ++n)
     if (n % 10'000 == 0) peak = std::max(peak, Resident());
-  return (peak - start) / (1024.0 * 1024.0);
+  return (peak - start) / 1024.0;
 }
 
 }  // namespace
@@ -330,7 +330,7 @@ int main(int argc, char** argv) {
     for (const auto& [name, ratio] : Ratios()) std::printf("  %-22s %6.3f\n", name.c_str(), ratio);
     std::printf("process growth while our reader walks a whole layer:\n");
     for (const Layer& layer : Layers())
-      std::printf("  %-22s %6.1f MiB over %lld features\n", layer.name, Growth(layer),
+      std::printf("  %-22s %8.0f KiB over %lld features\n", layer.name, Growth(layer),
                   static_cast<long long>(layer.count));
   }
   return 0;
