@@ -45,8 +45,9 @@ bool HasGeometryTest(const FdoFilter& f) {
   return typeid(f) == typeid(FdoSpatialCondition) || typeid(f) == typeid(FdoDistanceCondition);
 }
 
-// The WKT's bounding box; false for an empty geometry.
-bool Envelope(const FdoGeometryValue& g, BBox<2, double>& box) {
+// The WKT's bounding box, and whether the geometry is that box (a
+// rectangle, or a point); false for an empty geometry.
+bool Envelope(const FdoGeometryValue& g, BBox<2, double>& box, bool* isBox = nullptr) {
   features_detail::GeosContext ctx;
   auto geom = features_detail::ReadWkt(ctx.get(), WString2Utf8String(g.wkt()));
   if (!geom || GEOSisEmpty_r(ctx.get(), geom.get()) != 0) return false;
@@ -55,6 +56,10 @@ bool Envelope(const FdoGeometryValue& g, BBox<2, double>& box) {
       !GEOSGeom_getXMax_r(ctx.get(), geom.get(), &x1) || !GEOSGeom_getYMax_r(ctx.get(), geom.get(), &y1))
     return false;
   box = BBox<2, double>(Vec2d(x0, y0), Vec2d(x1, y1));
+  if (isBox) {
+    features_detail::GeosGeometryPtr envelope(GEOSEnvelope_r(ctx.get(), geom.get()), {ctx.get()});
+    *isBox = envelope && GEOSEquals_r(ctx.get(), envelope.get(), geom.get()) == 1;
+  }
   return true;
 }
 
@@ -114,6 +119,9 @@ bool FdoFilterParser::Parse(const FdoFilterPtr& filter, FdoQuery& out) {
   bool haveBox = false;
   BBox<2, double> bestBox;
   std::wstring bestProperty;
+  // The conjunct behind the box, when the store's spatial filter answers it
+  // exactly (no per-feature test needed); null otherwise.
+  FdoFilterPtr bestDecided;
   std::vector<std::string> indexParts;
 
   // Attribute pieces of a condition the store will not see must still be
@@ -158,12 +166,22 @@ bool FdoFilterParser::Parse(const FdoFilterPtr& filter, FdoQuery& out) {
     // A lone geometry test at the top level bounds every match: use its box.
     BBox<2, double> box;
     std::wstring property;
+    bool decided = false;
     if (const auto* s = dynamic_cast<const FdoSpatialCondition*>(c.get())) {
-      if (s->operation() == FdoSpatialOperation::Disjoint || !Envelope(*s->geometry(), box)) continue;
-      property = target_.definition.properties[target_.definition.find(s->propertyName())].name;
-      if (s->operation() == FdoSpatialOperation::EnvelopeIntersects) {
-        const auto& def = target_.definition.properties[target_.definition.find(s->propertyName())];
-        const bool exactIsEnvelope = def.geometryType == FeatureGeometryType::Point;
+      bool isBox = false;
+      if (s->operation() == FdoSpatialOperation::Disjoint || !Envelope(*s->geometry(), box, &isBox)) continue;
+      const auto& def = target_.definition.properties[target_.definition.find(s->propertyName())];
+      property = def.name;
+      const bool exactIsEnvelope = def.geometryType == FeatureGeometryType::Point;
+      // With a box for a geometry the store's own test is ours: a box test
+      // for points or where the store tests boxes (ENVELOPEINTERSECTS), a
+      // shape test where it tests shapes (INTERSECTS). Behind ODBC the box
+      // may be rounded on its way into SQL, so the per-feature test stays.
+      const bool envelopeOp = s->operation() == FdoSpatialOperation::EnvelopeIntersects;
+      if (isBox && target_.dialect != FdoSqlDialect::Portable &&
+          (envelopeOp || s->operation() == FdoSpatialOperation::Intersects))
+        decided = exactIsEnvelope || (envelopeOp == target_.spatialFilterTestsEnvelopesOnly);
+      if (envelopeOp) {
         if (!target_.spatialFilterTestsEnvelopesOnly && !exactIsEnvelope) {
           // The store's spatial filter would drop features whose box meets
           // the geometry while their shape does not; ask the R-tree instead.
@@ -191,8 +209,10 @@ bool FdoFilterParser::Parse(const FdoFilterPtr& filter, FdoQuery& out) {
       haveBox = true;
       bestBox = box;
       bestProperty = property;
+      bestDecided = decided ? c : nullptr;
     }
   }
+  if (bestDecided) residual.erase(std::find(residual.begin(), residual.end(), bestDecided));
 
   for (auto& part : indexParts) where.push_back(std::move(part));
   for (std::size_t i = 0; i < where.size(); ++i) {

@@ -4,6 +4,7 @@
 #include <cpl_minixml.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -26,13 +27,25 @@ using XmlPtr = std::unique_ptr<CPLXMLNode, XmlDeleter>;
 
 constexpr std::size_t kMaxFileBytes = 16u << 20;  // configuration files are small; refuse anything huge
 
+// Reads a whole file. A missing file is empty unless `mustExist`; one that
+// exists but cannot be read is always an error (writing over it would lose
+// what it holds).
 bool ReadFile(const std::wstring& path, std::string& out, bool mustExist) {
-  std::ifstream in(File::NativePath(path), std::ios::binary);
-  if (!in) {
-    if (mustExist) KEL_LOG_ERROR(L"Cannot read " + path);
-    return !mustExist;
+  out.clear();
+  const std::string native = File::NativePath(path);
+  std::error_code ec;
+  if (!mustExist && !std::filesystem::exists(native, ec) && !ec) return true;
+  std::ifstream in(native, std::ios::binary);
+  if (!in || !std::filesystem::is_regular_file(native, ec)) {
+    KEL_LOG_ERROR(L"Cannot read " + path);
+    return false;
   }
-  out.assign(std::istreambuf_iterator<char>(in), {});
+  try {
+    out.assign(std::istreambuf_iterator<char>(in), {});
+  } catch (const std::exception&) {
+    KEL_LOG_ERROR(L"Cannot read " + path);
+    return false;
+  }
   if (out.size() > kMaxFileBytes) {
     KEL_LOG_ERROR(L"Refusing to read " + path + L": larger than a configuration file can be");
     return false;

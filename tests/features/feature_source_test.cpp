@@ -186,29 +186,8 @@ TEST_F(FileStores, FiltersSelectWhatTheStoresOwnSqlSelects) {
           store.connection,
           "SELECT " + store.sqlFid + " FROM buildings WHERE " + test::Substitute(c.sql, store.sqlFid, store.sqlGeom),
           "SQLITE");
-      EXPECT_FALSE(expected.empty() && std::string(c.label) != "hostile value") << "the case selects nothing";
+      EXPECT_FALSE(expected.empty() && c.label.rfind("hostile", 0) != 0) << "the case selects nothing";
       EXPECT_EQ(test::ReadIds(*reader), expected) << text;
-    }
-  }
-}
-
-TEST_F(FileStores, HostileValuesMatchOnlyThemselves) {
-  for (const Store& store : Stores()) {
-    auto source = FeatureSource::Open(Utf8String2WString(store.connection));
-    ASSERT_NE(source, nullptr);
-    for (const std::string& value : test::HostileStrings()) {
-      SCOPED_TRACE(std::string(store.label) + ": " + value);
-      auto reader = source->Select(L"buildings", FdoComparisonCondition::Create(
-                                                     FdoIdentifier::Create(L"name"), FdoComparisonOperation::EqualTo,
-                                                     FdoDataValue::Create(Utf8String2WString(value))));
-      ASSERT_NE(reader, nullptr);
-      std::size_t expected = 0, got = 0;
-      for (const Building& b : *buildings) expected += b.name == value;
-      while (reader->ReadNext()) {
-        EXPECT_EQ(test::Attribute(*reader, "name"), value);
-        ++got;
-      }
-      EXPECT_EQ(got, expected);
     }
   }
 }
@@ -226,32 +205,9 @@ TEST_F(FileStores, HostileColumnNamesCannotChangeTheQuery) {
     ASSERT_TRUE(written);
     auto source = FeatureSource::Open(Utf8String2WString(path.string()));
     ASSERT_NE(source, nullptr);
-    const auto& names = test::HostileNames();
-    const auto& values = test::HostileStrings();
-    for (std::size_t c = 0; c < names.size(); ++c) {
-      for (std::size_t v = 0; v < values.size(); ++v) {
-        SCOPED_TRACE(names[c] + " = " + values[v]);
-        test::LogCapture log;
-        auto reader = source->Select(
-            L"hostile", FdoComparisonCondition::Create(FdoIdentifier::Create(Utf8String2WString(names[c])),
-                                                       FdoComparisonOperation::EqualTo,
-                                                       FdoDataValue::Create(Utf8String2WString(values[v]))));
-        if (names[c].back() == '\\' && std::string(driver) == "GeoJSON") {
-          // GDAL's SQL has no spelling for a name ending in a backslash.
-          EXPECT_EQ(reader, nullptr);
-          EXPECT_TRUE(log.contains("cannot be written safely for this store"));
-          continue;
-        }
-        ASSERT_NE(reader, nullptr);
-        std::size_t got = 0, expected = 0;
-        while (reader->ReadNext()) {
-          EXPECT_EQ(test::Attribute(*reader, names[c]), values[v]);
-          ++got;
-        }
-        for (int r = 0; r < 24; ++r) expected += (static_cast<std::size_t>(r) + c) % values.size() == v;
-        EXPECT_EQ(got, expected);
-      }
-    }
+    test::LogCapture log;
+    test::ExpectHostileColumnsMatchOnlyThemselves(*source, L"hostile", 24, std::string(driver) == "GeoJSON");
+    EXPECT_EQ(log.contains("cannot be written safely for this store"), std::string(driver) == "GeoJSON");
   }
 }
 
@@ -271,6 +227,42 @@ TEST_F(FileStores, LongChainsOfOneOperatorReachTheStore) {
                                std::to_string(FdoFilterUtil::MaxDepth),
                            "SQLITE"));
   }
+}
+
+TEST_F(FileStores, ReadersAreIndependentAndLeaveNoFilterBehind) {
+  const Store store = Stores()[0];
+  auto source = FeatureSource::Open(Utf8String2WString(store.connection));
+  ASSERT_NE(source, nullptr);
+  const auto all = test::SqlIds(store.connection, "SELECT fid FROM buildings", nullptr);
+  auto few = source->Select(L"buildings", FdoFilterUtil::Parse(L"(fid < 50) AND (geom INTERSECTS GeomFromText("
+                                                                L"'POLYGON ((0 0, 50 0, 50 50, 0 0))'))"));
+  ASSERT_NE(few, nullptr);
+  ASSERT_TRUE(few->ReadNext());
+  // A second reader while the first is half way: its own connection.
+  auto every = source->Select(L"buildings", nullptr);
+  ASSERT_NE(every, nullptr);
+  EXPECT_EQ(test::ReadIds(*every), all);
+  const auto firstId = few->feature().id;
+  EXPECT_LT(firstId, 50);
+  every.reset();
+  few.reset();  // abandoned half way; its connection is the next one handed on
+  for (int round = 0; round < 3; ++round) {
+    auto again = source->Select(L"buildings", nullptr);
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(test::ReadIds(*again), all) << round;
+  }
+  // The sink form stops when the sink says so.
+  struct FirstTen final : IEnumerate<Feature> {
+    std::vector<std::int64_t> ids;
+    bool push(const Feature& f) override {
+      ids.push_back(f.id);
+      return ids.size() < 10;
+    }
+  } ten;
+  EXPECT_EQ(source->ReadFeatures(L"buildings", nullptr, ten), 10);
+  EXPECT_EQ(ten.ids.size(), 10u);
+  test::LogCapture log;
+  EXPECT_EQ(source->ReadFeatures(L"nope", nullptr, ten), -1);
 }
 
 TEST_F(FileStores, LikeTellsLetterCaseApart) {

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -157,6 +158,16 @@ TEST_F(Odbc, DataSourceEntryKeepsTheRestOfTheFile) {
                        (*dir / "city.db").string() + "\nTimeout = 2000\n[last]\nDriver = x\n");
   OdbcConfiguration other;
   ASSERT_TRUE(OdbcConfiguration::ReadDataSource(W(ini), L"other", other));
+  // An odbc.ini that exists but cannot be read is never written over.
+  if (::geteuid() != 0) {
+    test::fs::permissions(ini, test::fs::perms::none);
+    EXPECT_FALSE(c.WriteDataSource(W(ini)));
+    test::fs::permissions(ini, test::fs::perms::owner_read | test::fs::perms::owner_write);
+  }
+  const test::fs::path folder = *dir / "ini_is_a_folder";
+  test::fs::create_directories(folder);
+  EXPECT_FALSE(c.WriteDataSource(W(folder)));
+  EXPECT_TRUE(test::fs::is_directory(folder));
   EXPECT_EQ(other.driver, L"PostgreSQL");
   EXPECT_EQ(other.attributes, (std::vector<std::pair<std::wstring, std::wstring>>{{L"Servername", L"db"}}));
 }
@@ -228,6 +239,20 @@ TEST_F(Odbc, ClassesReadThroughGdalSelectWhatSqlSelects) {
       EXPECT_EQ(test::ReadIds(*reader), expected) << text;
     }
   }
+}
+
+TEST_F(Odbc, DataSourceOpensDirectlyWithoutSchemaFile) {
+  ASSERT_TRUE(Configuration().WriteDataSource(W(*dir / "odbc.ini")));
+  auto source = FeatureSource::Open(L"ODBC:kel_city");
+  ASSERT_NE(source, nullptr);
+  FeatureClassDefinition points;
+  ASSERT_TRUE(source->DescribeClass(L"points", points));
+  EXPECT_EQ(points.identityProperty, L"FID");  // GDAL numbers by the primary key but names no column
+  auto reader = source->Select(L"points", FdoFilterUtil::Parse(L"(FID < 150) AND (floors >= 3) AND (name LIKE 'Ma%')"));
+  ASSERT_NE(reader, nullptr);
+  EXPECT_EQ(test::ReadIds(*reader),
+            test::SqlIds((*dir / "city.db").string(),
+                         "SELECT id FROM points WHERE id < 150 AND floors >= 3 AND name GLOB 'Ma*'", nullptr));
 }
 
 TEST_F(Odbc, TableWithoutTheConfiguredColumnsGivesNothing) {

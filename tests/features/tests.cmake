@@ -6,8 +6,11 @@ target_link_libraries(kel_features_tests PRIVATE GDAL::GDAL GEOS::geos_c)
 # the server cannot start, the setup test fails and so do they (never a
 # silent skip).
 set(_kel_postgis_state ${CMAKE_CURRENT_BINARY_DIR}/postgis_server.state)
-gtest_discover_tests(kel_features_tests DISCOVERY_TIMEOUT 60 TEST_FILTER "-PostGis*"
+gtest_discover_tests(kel_features_tests DISCOVERY_TIMEOUT 60 TEST_FILTER "-PostGis*:Odbc*"
   PROPERTIES LABELS features)
+gtest_discover_tests(kel_features_tests DISCOVERY_TIMEOUT 60 TEST_FILTER "Odbc*"
+  PROPERTIES LABELS features
+             ENVIRONMENT "LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/features/odbc_lsan.supp")
 gtest_discover_tests(kel_features_tests DISCOVERY_TIMEOUT 60 TEST_FILTER "PostGis*"
   PROPERTIES LABELS features FIXTURES_REQUIRED postgis
              ENVIRONMENT "KEL_TEST_POSTGIS_STATE=${_kel_postgis_state}")

@@ -130,8 +130,8 @@ private:
 
 // Writes the matching features to a new GeoPackage, with a progress bar
 // over the class's size (an upper bound when a filter drops some).
-int Export(const kel::FeatureSource& source, kel::FeatureReader& reader, const ReadArgs& a) {
-  const kel::FeatureClassDefinition& def = reader.definition();
+int Export(const kel::FeatureSource& source, const kel::FeatureClassDefinition& def, kel::FeatureReader& reader,
+           const ReadArgs& a) {
   auto writer = kel::GeoPackageWriter::Create(Utf8String2WString(a.to));
   if (!writer || !writer->AddClass(def)) throw kel::wexception(L"cannot write " + Utf8String2WString(a.to));
   std::int64_t n = 0;
@@ -184,7 +184,7 @@ int RunRead(const ReadArgs& a) {
   }
   auto reader = s->Select(def.name, filter);
   if (!reader) throw kel::wexception(L"cannot read class '" + def.name + L"'");
-  if (!a.to.empty()) return Export(*s, *reader, a);
+  if (!a.to.empty()) return Export(*s, def, *reader, a);
   std::int64_t n = 0;
   while ((a.limit < 0 || n < a.limit) && reader->ReadNext()) {
     std::printf("%lld", static_cast<long long>(reader->feature().id));

@@ -66,7 +66,11 @@ public:
   // Splits the filter at its top-level ANDs: conditions the dialect can write
   // go to `where`; the smallest box that every match must meet becomes the
   // spatial filter; everything else (geometry tests, and conditions with
-  // names or strings the dialect cannot carry) goes to `residual`. A null
+  // names or strings the dialect cannot carry) goes to `residual`, except a
+  // box test the store's spatial filter answers exactly by itself (an
+  // extent on points; ENVELOPEINTERSECTS a box where the store tests boxes,
+  // INTERSECTS a box where it tests shapes). The spatial filter box is
+  // exact: a store that rounds it must widen it (ODBC keeps its test). A null
   // filter gives an empty query. False, with a logged error, when a name is
   // not a property of the class or is used against its type.
   bool Parse(const FdoFilterPtr& filter, FdoQuery& out);

@@ -9,7 +9,8 @@
 // filter the store cannot run, a read error) are logged errors and a null
 // or false result; nothing is thrown. A FeatureSource and each reader belong
 // to one thread at a time; readers are independent of each other and of
-// their source (each holds its own connection), so several may run at once.
+// their source (each holds a connection of its own while it lives, handed
+// on to the next reader when it ends), so several may run at once.
 #pragma once
 
 #include <cstdint>
@@ -57,7 +58,12 @@ public:
   // The current feature, valid until the next ReadNext. Its buffers are
   // reused from feature to feature.
   virtual const Feature& feature() const = 0;
+  // The class as the reader sees it; coordinate systems are left empty
+  // (FeatureSource::DescribeClass has them), since looking them up costs
+  // more than reading a few thousand features.
   virtual const FeatureClassDefinition& definition() const = 0;
+  // True when the last ReadNext ended on a read error rather than the end.
+  virtual bool failed() const = 0;
   // The attributes as a bag: property name to the value as text, integers
   // in decimal, doubles in the shortest form that reads back the same (so
   // PropertyBag::GetValue returns them exactly), booleans "true"/"false",
@@ -78,8 +84,10 @@ public:
   FeatureSource& operator=(const FeatureSource&) = delete;
 
   const std::wstring& connection() const;
-  // Every feature class (layer) of the store, in the store's order.
+  // Every feature class (layer) of the store, in the store's order; the
+  // sink form stops when the sink returns false.
   std::vector<FeatureClassDefinition> GetClasses() const;
+  void GetClasses(IEnumerate<FeatureClassDefinition>& sink) const;
   // False when the store has no class of that name.
   bool DescribeClass(const std::wstring& className, FeatureClassDefinition& out) const;
   // How many features the class has, when the store knows without reading
@@ -90,6 +98,11 @@ public:
   // the store's order. Null for an unknown class, a filter that names
   // properties the class does not have, or a store that refuses the query.
   FeatureReaderPtr Select(const std::wstring& className, const FdoFilterPtr& filter) const;
+  // Select, pushing each feature into the sink until it returns false: the
+  // number of features pushed, or -1 when Select fails or the read stops
+  // on an error (features already pushed stay pushed).
+  std::int64_t ReadFeatures(const std::wstring& className, const FdoFilterPtr& filter,
+                            IEnumerate<Feature>& sink) const;
 
 private:
   struct Impl;

@@ -68,7 +68,7 @@ FeaturePropertyType PropertyTypeOf(const OGRFieldDefn& f) {
 
 }  // namespace
 
-LayerShape DescribeLayer(OGRLayer& layer) {
+LayerShape DescribeLayer(OGRLayer& layer, bool withCoordinateSystems) {
   LayerShape shape;
   FeatureClassDefinition& def = shape.definition;
   OGRFeatureDefn* defn = layer.GetLayerDefn();
@@ -103,7 +103,7 @@ LayerShape DescribeLayer(OGRLayer& layer) {
     p.nullable = g.IsNullable() != 0;
     p.geometryType = GeometryTypeOf(g.GetType());
     p.hasZ = wkbHasZ(g.GetType()) != 0;
-    if (const OGRSpatialReference* srs = g.GetSpatialRef()) {
+    if (const OGRSpatialReference* srs = withCoordinateSystems ? g.GetSpatialRef() : nullptr) {
       char* wkt = nullptr;
       if (srs->exportToWkt(&wkt) == OGRERR_NONE && wkt) p.coordinateSystem = Utf8String2WString(wkt);
       CPLFree(wkt);
@@ -118,7 +118,8 @@ LayerShape DescribeLayer(OGRLayer& layer) {
   return shape;
 }
 
-FdoQueryTarget QueryTarget(GDALDataset& dataset, OGRLayer& layer, const FeatureClassDefinition& definition) {
+FdoQueryTarget QueryTarget(GDALDataset& dataset, OGRLayer& layer, const FeatureClassDefinition& definition,
+                           bool wantSpatialIndex) {
   FdoQueryTarget t;
   t.definition = definition;
   const std::string driver = dataset.GetDriverName() ? dataset.GetDriverName() : "";
@@ -127,7 +128,7 @@ FdoQueryTarget QueryTarget(GDALDataset& dataset, OGRLayer& layer, const FeatureC
     t.dialect = FdoSqlDialect::Sqlite;
     t.identityColumn = Utf8String2WString(fid);
     const char* geom = layer.GetGeometryColumn();
-    if (driver == "GPKG" && geom && geom[0] && layer.TestCapability(OLCFastSpatialFilter))
+    if (wantSpatialIndex && driver == "GPKG" && geom && geom[0] && layer.TestCapability(OLCFastSpatialFilter))
       t.spatialIndexTable = Utf8String2WString(std::string("rtree_") + layer.GetName() + "_" + geom);
   } else if (driver == "PostgreSQL") {
     t.dialect = FdoSqlDialect::PostgreSql;

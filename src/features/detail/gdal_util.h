@@ -57,9 +57,13 @@ struct LayerShape {
   std::vector<int> ogrIndex;
   int defaultGeometryField = -1;
 };
-LayerShape DescribeLayer(OGRLayer& layer);
+// Coordinate systems cost a PROJ database lookup each (milliseconds), so
+// readers, which never report them, leave them out.
+LayerShape DescribeLayer(OGRLayer& layer, bool withCoordinateSystems = true);
 
-// How filters reach this store: dialect, identity column, spatial index.
-FdoQueryTarget QueryTarget(GDALDataset& dataset, OGRLayer& layer, const FeatureClassDefinition& definition);
+// How filters reach this store: dialect, identity column, and (when
+// `wantSpatialIndex`: looking it up costs a query) the spatial index.
+FdoQueryTarget QueryTarget(GDALDataset& dataset, OGRLayer& layer, const FeatureClassDefinition& definition,
+                           bool wantSpatialIndex = true);
 
 }  // namespace kel::features_detail
