@@ -15,3 +15,4 @@ void AddDdsCommands(CLI::App& app);
 void AddTextureCommands(CLI::App& app);
 void AddDemoCommands(CLI::App& app);
 void AddBagCommands(CLI::App& app);
+void AddCityCommands(CLI::App& app);

@@ -39,6 +39,7 @@ std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
   AddTextureCommands(*app);
   AddBagCommands(*app);
   AddDemoCommands(*app);
+  AddCityCommands(*app);
   return app;
 }
 
