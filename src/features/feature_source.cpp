@@ -10,7 +10,6 @@
 #include "kel/core/log.h"
 #include "kel/core/text.h"
 #include "kel/features/fdo_filter_parser.h"
-#include "kel/geometry/geometry_buffer.h"
 
 namespace kel {
 
@@ -66,72 +65,6 @@ std::wstring IsoText(OGRFeature& f, int field, FeaturePropertyType type) {
   return date + L'T' + time + zone;
 }
 
-void AppendCurve(const OGRSimpleCurve& c, bool hasZ, GeometryBuffer& out) {
-  const int n = c.getNumPoints();
-  for (int i = 0; i < n; ++i) {
-    const double z = hasZ ? c.getZ(i) : 0.0;
-    if (i == 0) out.MoveTo(c.getX(i), c.getY(i), z);
-    else out.LineTo(c.getX(i), c.getY(i), z);
-  }
-}
-
-// Appends g as geometries of `out`: one per member of a multi geometry or
-// collection (nested ones flattened), curves through their linear form.
-void AppendGeometry(const OGRGeometry& g, bool hasZ, GeometryBuffer& out) {
-  switch (wkbFlatten(g.getGeometryType())) {
-    case wkbPoint: {
-      const auto& p = *g.toPoint();
-      if (p.IsEmpty()) return;
-      out.NewGeometry(FdoGeometryType_Point);
-      out.MoveTo(p.getX(), p.getY(), hasZ ? p.getZ() : 0.0);
-      return;
-    }
-    case wkbLineString:
-    case wkbLinearRing:
-      if (g.IsEmpty()) return;
-      out.NewGeometry(FdoGeometryType_LineString);
-      AppendCurve(*g.toSimpleCurve(), hasZ, out);
-      return;
-    case wkbPolygon:
-    case wkbTriangle: {
-      if (g.IsEmpty()) return;
-      out.NewGeometry(FdoGeometryType_Polygon);
-      for (const OGRLinearRing* ring : *g.toPolygon()) AppendCurve(*ring, hasZ, out);
-      return;
-    }
-    case wkbMultiPoint:
-    case wkbMultiLineString:
-    case wkbMultiPolygon:
-    case wkbGeometryCollection:
-    case wkbTIN:
-    case wkbPolyhedralSurface:
-      for (const OGRGeometry* member : *g.toGeometryCollection()) AppendGeometry(*member, hasZ, out);
-      return;
-    default:
-      if (g.hasCurveGeometry()) {
-        std::unique_ptr<OGRGeometry> linear(g.getLinearGeometry());
-        if (linear && !linear->hasCurveGeometry()) AppendGeometry(*linear, hasZ, out);
-      }
-      return;
-  }
-}
-
-// The type of a buffer holding g's members, one geometry each.
-int BufferType(OGRwkbGeometryType t, int geometries) {
-  switch (OGR_GT_GetLinear(wkbFlatten(t))) {
-    case wkbPoint: return FdoGeometryType_Point;
-    case wkbLineString: return FdoGeometryType_LineString;
-    case wkbPolygon:
-    case wkbTriangle: return FdoGeometryType_Polygon;
-    case wkbMultiPoint: return FdoGeometryType_MultiPoint;
-    case wkbMultiLineString: return FdoGeometryType_MultiLineString;
-    case wkbMultiPolygon:
-    case wkbTIN:
-    case wkbPolyhedralSurface: return FdoGeometryType_MultiPolygon;
-    default: return geometries == 1 ? FdoGeometryType_None : FdoGeometryType_MultiGeometry;
-  }
-}
-
 bool IsSqlite(GDALDataset& ds) {
   const char* driver = ds.GetDriverName();
   return driver && (EQUAL(driver, "GPKG") || EQUAL(driver, "SQLite"));
@@ -168,29 +101,6 @@ public:
 
   const Feature& feature() const override { return feature_; }
   const FeatureClassDefinition& definition() const override { return shape_.definition; }
-
-  bool geometry(GeometryBuffer& out) const override {
-    const OGRGeometry* g = current_ && shape_.defaultGeometryField >= 0
-                               ? current_->GetGeomFieldRef(shape_.defaultGeometryField)
-                               : nullptr;
-    const bool hasZ = g && g->Is3D();
-    out.Reset(hasZ ? FdoDimensionality_XYZ : FdoDimensionality_XY, false);
-    if (!g || g->IsEmpty()) return false;
-    AppendGeometry(*g, hasZ, out);
-    if (out.empty()) {
-      out.Reset(FdoDimensionality_XY, false);
-      return false;
-    }
-    const int type = BufferType(g->getGeometryType(), out.geometryCount());
-    // A collection of mixed members: each geometry carries its own type.
-    if (type == FdoGeometryType_None || type == FdoGeometryType_MultiGeometry) {
-      const int single = out.geometryElementType(0);
-      out.SetGeometryType(out.geometryCount() == 1 ? single : FdoGeometryType_MultiGeometry);
-    } else {
-      out.SetGeometryType(type);
-    }
-    return true;
-  }
 
 private:
   void Fill() {
@@ -236,11 +146,6 @@ private:
 }  // namespace
 
 FeatureReader::~FeatureReader() = default;
-
-bool FeatureReader::geometry(GeometryBuffer& out) const {
-  out.Reset(FdoDimensionality_XY, false);
-  return false;
-}
 
 std::map<std::wstring, std::wstring> FeatureReader::attributes() const {
   std::map<std::wstring, std::wstring> out;

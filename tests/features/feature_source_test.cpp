@@ -1,15 +1,12 @@
 #include "kel/features/feature_source.h"
 
-#include <algorithm>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "features/feature_store.h"
 #include "kel/core/text.h"
-#include "kel/geometry/geometry_buffer.h"
 #include "support/log_capture.h"
 
 namespace kel {
@@ -109,20 +106,6 @@ TEST_F(FileStores, ReadEveryFeatureWithItsAttributes) {
                          : L"<null>")
           << b.id;
       EXPECT_EQ(reader->feature().values[3].integer, b.floors);
-      // The ring as written; shapefiles store outer rings the other way round.
-      GeometryBuffer g(0, FdoDimensionality_XY, false);
-      EXPECT_EQ(reader->geometry(g), b.hasGeometry) << b.id;
-      if (b.hasGeometry) {
-        EXPECT_EQ(g.geometryType(), FdoGeometryType_Polygon);
-        ASSERT_EQ(g.contourCount(), 1);
-        ASSERT_EQ(g.pointCount(), 5);
-        std::vector<std::pair<double, double>> got, want;
-        for (int k = 0; k < 4; ++k) got.emplace_back(g.x(k), g.y(k)), want.emplace_back(b.ring[k][0], b.ring[k][1]);
-        std::sort(got.begin(), got.end());
-        std::sort(want.begin(), want.end());
-        EXPECT_EQ(got, want) << b.id;
-        EXPECT_EQ(g.point(0), g.point(4));
-      }
       ++n;
     }
     EXPECT_EQ(n, buildings->size());
@@ -267,71 +250,6 @@ TEST_F(FileStores, BadRequestsLogAndReturnNothing) {
   }
   EXPECT_EQ(FeatureSource::Open(L"/no/such/store.gpkg"), nullptr);
   EXPECT_TRUE(log.contains("Cannot open feature source /no/such/store.gpkg"));
-}
-
-}  // namespace
-}  // namespace kel
-
-namespace kel {
-namespace {
-
-// Geometries of every kind in one GeoPackage layer, read back as GEOS reads
-// the same WKT: same geometries, contours and points.
-TEST(FeatureReaderGeometry, MatchesTheWktItWasWrittenFrom) {
-  struct Case {
-    const char* label;
-    const char* wkt;
-  };
-  const Case cases[] = {
-      {"polygon with a hole", "POLYGON ((0 0, 10 0, 10 10, 0 10, 0 0), (2 2, 2 4, 4 4, 4 2, 2 2))"},
-      {"multipolygon", "MULTIPOLYGON (((0 0, 1 0, 1 1, 0 0)), ((5 5, 6 5, 6 6, 5 5)))"},
-      {"polygon z", "POLYGON Z ((0 0 1, 4 0 2, 4 4 3, 0 0 1))"},
-      {"line", "LINESTRING (1 2, 3 4, 5 7)"},
-      {"point", "POINT (3 4)"},
-      {"collection", "GEOMETRYCOLLECTION (POINT (1 1), POLYGON ((0 0, 2 0, 2 2, 0 0)))"},
-  };
-  const test::fs::path dir = test::TempDir("geometry");
-  const std::string path = (dir / "shapes.gpkg").string();
-  GDALAllRegister();
-  GDALDataset* ds = GetGDALDriverManager()->GetDriverByName("GPKG")->Create(path.c_str(), 0, 0, 0, GDT_Unknown, nullptr);
-  ASSERT_NE(ds, nullptr);
-  OGRLayer* layer = ds->CreateLayer("shapes", nullptr, wkbUnknown, nullptr);
-  ASSERT_NE(layer, nullptr);
-  for (std::size_t i = 0; i <= std::size(cases); ++i) {  // the last one has no geometry
-    OGRFeature* f = OGRFeature::CreateFeature(layer->GetLayerDefn());
-    f->SetFID(GIntBig(i + 1));
-    if (i < std::size(cases)) {
-      OGRGeometry* g = nullptr;
-      ASSERT_EQ(OGRGeometryFactory::createFromWkt(cases[i].wkt, nullptr, &g), OGRERR_NONE) << cases[i].label;
-      f->SetGeometryDirectly(g);
-    }
-    ASSERT_EQ(layer->CreateFeature(f), OGRERR_NONE);
-    OGRFeature::DestroyFeature(f);
-  }
-  GDALClose(ds);
-
-  auto reader = FeatureSource::Open(Utf8String2WString(path))->Select(L"shapes", nullptr);
-  ASSERT_NE(reader, nullptr);
-  GeometryBuffer got(0, FdoDimensionality_XY, false);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.label);
-    ASSERT_TRUE(reader->ReadNext());
-    ASSERT_TRUE(reader->geometry(got));
-    const auto want = GeometryBuffer::FromWKT(Utf8String2WString(c.wkt));
-    ASSERT_NE(want, nullptr);
-    EXPECT_EQ(got.Is3D(), want->Is3D());
-    ASSERT_EQ(got.geometryCount(), want->geometryCount());
-    ASSERT_EQ(got.contourCount(), want->contourCount());
-    ASSERT_EQ(got.pointCount(), want->pointCount());
-    for (int g = 0; g < got.geometryCount(); ++g) EXPECT_EQ(got.geometryElementType(g), want->geometryElementType(g));
-    for (int k = 0; k < got.pointCount(); ++k) EXPECT_EQ(got.point(k), want->point(k)) << k;
-    EXPECT_EQ(got.ToWKT(), want->ToWKT());
-  }
-  ASSERT_TRUE(reader->ReadNext());
-  got.MoveTo(1, 1);
-  EXPECT_FALSE(reader->geometry(got));
-  EXPECT_TRUE(got.empty());
-  test::fs::remove_all(dir);
 }
 
 }  // namespace

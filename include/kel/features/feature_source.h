@@ -25,8 +25,6 @@
 
 namespace kel {
 
-class GeometryBuffer;
-
 // One property value of one feature.
 struct FeatureValue {
   bool isNull = true;
@@ -53,14 +51,6 @@ public:
   // reused from feature to feature.
   virtual const Feature& feature() const = 0;
   virtual const FeatureClassDefinition& definition() const = 0;
-  // The current feature's default geometry (the class's
-  // defaultGeometryProperty) into `out`, replacing its content: polygons with
-  // one contour per ring as stored (closing point included), multi types and
-  // collections with one geometry per member, curves flattened. The buffer
-  // gets the geometry's type and its z when it has one. False, with `out`
-  // emptied, when the class has no geometry or the feature's is null or
-  // empty. The base class has no geometry to give.
-  virtual bool geometry(GeometryBuffer& out) const;
   // Property name to the value as text: integers in decimal, doubles in the
   // shortest form that reads back the same, booleans "true"/"false",
   // binaries in hexadecimal; null values are left out.
