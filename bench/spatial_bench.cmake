@@ -5,3 +5,5 @@ if(embree_FOUND)
   target_compile_definitions(spatial_bench PRIVATE KEL_HAVE_EMBREE=1)
 endif()
 target_compile_options(spatial_bench PRIVATE -ffp-contract=off)
+# Batches run on OpenMP threads; the benchmark sets how many.
+target_link_libraries(spatial_bench PRIVATE OpenMP::OpenMP_CXX)

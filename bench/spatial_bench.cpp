@@ -1,13 +1,23 @@
-// Picking on a city-sized tile: our bvh against Embree 3 on one thread.
+// Picking on a city-sized tile: the exact bvh walk and the pick index
+// against Embree 3 (RTC_BUILD_QUALITY_MEDIUM, one thread).
 // Scene: a 1000 x 1000 quad terrain at 2 m spacing with smooth noisy heights,
 // plus 20,000 box buildings (12 triangles each) on a jittered lattice, about
-// 2.24 million triangles. Measured: build, vertical picks, random downward
-// rays. Before timing, both sides must find the same nearest distance.
+// 2.24 million triangles. Measured: builds, memory, vertical picks and random
+// downward rays one at a time, and batches on one and two threads.
+//
+// Before any timing every ray is checked: the pick index against the exact
+// walk, Embree against the pick index, every kernel against the default
+// one. Distances must agree unless a hit lies within rounding of a triangle
+// edge; any violation ends the run with exit code 1.
 #include <benchmark/benchmark.h>
+#include <omp.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <random>
@@ -17,6 +27,7 @@
 #include <kel/sff/sff_file_stream.h>
 #include <kel/sff/sff_writer.h>
 #include <kel/spatial/bvh.h>
+#include <kel/spatial/pick_index.h>
 #include <kel/spatial/sff2bvh.h>
 
 #include "spatial/detail/aligned_memory.h"
@@ -29,8 +40,9 @@ namespace {
 
 using kel::fdo::bvh;
 using kel::fdo::hit;
-using kel::fdo::ray;
 using kel::fdo::MakeRay;
+using kel::fdo::pick_index;
+using kel::fdo::ray;
 
 // Vectors on huge pages, as the tile loader keeps its soup.
 template <typename T>
@@ -49,6 +61,7 @@ struct Scene {
   std::vector<std::uint32_t, HugeAllocator<std::uint32_t>> tri;
   float top = 0;
   int triangles() const { return int(tri.size() / 3); }
+  std::size_t vertices() const { return xyz.size() / 3; }
 };
 
 float Height(float x, float y) {
@@ -60,7 +73,8 @@ Scene MakeScene() {
   Scene s;
   const int g = 1000;
   const float step = 2.0f;
-  s.xyz.reserve(std::size_t(g + 1) * (g + 1) * 3 + 20000 * 24);
+  // One spare vertex: Embree reads 16 bytes from the last one of a shared buffer.
+  s.xyz.reserve(std::size_t(g + 1) * (g + 1) * 3 + 20000 * 24 + 3);
   for (int y = 0; y <= g; ++y)
     for (int x = 0; x <= g; ++x) s.xyz.insert(s.xyz.end(), {x * step, y * step, Height(x * step, y * step)});
   s.tri.reserve(std::size_t(g) * g * 6 + 20000 * 36);
@@ -103,19 +117,18 @@ std::vector<ray> RandomRays(const Scene& s, int n) {
   std::vector<ray> rays;
   for (int i = 0; i < n; ++i) {
     const float ox = p(rng), oy = p(rng), oz = s.top + lift(rng);
-    const float tx = ox + off(rng), ty = oy + off(rng), tz = -30.0f;
-    float d[3] = {tx - ox, ty - oy, tz - oz};
-    const float len = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
-    rays.push_back(MakeRay(ox, oy, oz, d[0] / len, d[1] / len, d[2] / len));
+    rays.push_back(MakeRay(ox, oy, oz, off(rng), off(rng), -30.0f - oz));
   }
   return rays;
 }
 
+constexpr int kRays = 1 << 18;
+
 struct World {
   Scene scene = MakeScene();
-  std::unique_ptr<kel::SFF2BVH> tile;  // queries go through the tile loader's tree and intersector
-  std::vector<ray> vertical = VerticalRays(scene, 1 << 18);
-  std::vector<ray> random = RandomRays(scene, 1 << 18);
+  std::unique_ptr<kel::SFF2BVH> tile;  // the exact walk goes through the tile loader's tree and intersector
+  std::vector<ray> vertical = VerticalRays(scene, kRays);
+  std::vector<ray> random = RandomRays(scene, kRays);
 #if KEL_HAVE_EMBREE
   RTCDevice device = rtcNewDevice("threads=1");
   RTCScene embree = nullptr;
@@ -125,11 +138,6 @@ struct World {
 World& TheWorld() {
   static World w;
   return w;
-}
-
-void BuildOurs(bvh& tree, const Scene& s) {
-  kel::fdo::simple_primitive_iterator it(s.xyz.data(), 12, s.tri.data(), s.triangles());
-  tree.build(it);
 }
 
 // The scene as a one-mesh tile file in memory, read back by the tile loader.
@@ -146,24 +154,34 @@ std::unique_ptr<kel::SFF2BVH> LoadTile(const Scene& s) {
   return std::make_unique<kel::SFF2BVH>(source);
 }
 
-float PickOurs(const bvh& tree, kel::fdo::bvh_primitive_intersector& x, const ray& r) {
+hit PickExact(const kel::SFF2BVH& tile, const ray& r) {
   hit h{~0u, FLT_MAX};
-  tree.intersect(h, r, x);
-  return h.t;
+  tile.getBVH()->intersect(h, r, *tile.getIntersector());
+  return h;
+}
+
+hit PickFast(const pick_index& index, const ray& r) {
+  hit h{~0u, FLT_MAX};
+  index.intersect(h, r);
+  return h;
 }
 
 #if KEL_HAVE_EMBREE
+std::atomic<long long> embreeBytes{0};
+
+bool CountEmbreeBytes(void*, ssize_t bytes, bool) {
+  embreeBytes += bytes;
+  return true;
+}
+
+// Over the soup itself (shared buffers), as fast as Embree builds.
 RTCScene BuildEmbree(RTCDevice device, const Scene& s) {
   RTCScene scene = rtcNewScene(device);
   rtcSetSceneBuildQuality(scene, RTC_BUILD_QUALITY_MEDIUM);
   RTCGeometry geom = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
-  // Embree reads 16 bytes per vertex, so its buffer is allocated by Embree (padded).
-  auto* v = static_cast<float*>(rtcSetNewGeometryBuffer(geom, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3,
-                                                        12, s.xyz.size() / 3));
-  std::copy(s.xyz.begin(), s.xyz.end(), v);
-  auto* t = static_cast<std::uint32_t*>(
-      rtcSetNewGeometryBuffer(geom, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, 12, std::size_t(s.triangles())));
-  std::copy(s.tri.begin(), s.tri.end(), t);
+  rtcSetSharedGeometryBuffer(geom, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, s.xyz.data(), 0, 12, s.vertices());
+  rtcSetSharedGeometryBuffer(geom, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, s.tri.data(), 0, 12,
+                             std::size_t(s.triangles()));
   rtcCommitGeometry(geom);
   rtcAttachGeometry(scene, geom);
   rtcReleaseGeometry(geom);
@@ -171,43 +189,244 @@ RTCScene BuildEmbree(RTCDevice device, const Scene& s) {
   return scene;
 }
 
-float PickEmbree(RTCScene scene, const ray& r) {
-  RTCIntersectContext ctx;
-  rtcInitIntersectContext(&ctx);
-  RTCRayHit rh{};
+void FillEmbreeRay(RTCRayHit& rh, const ray& r) {
   rh.ray.org_x = r.origin[0], rh.ray.org_y = r.origin[1], rh.ray.org_z = r.origin[2];
   rh.ray.dir_x = r.direction[0], rh.ray.dir_y = r.direction[1], rh.ray.dir_z = r.direction[2];
   rh.ray.tnear = 0.0f;
   rh.ray.tfar = FLT_MAX;
+  rh.ray.time = 0.0f;
   rh.ray.mask = ~0u;
+  rh.ray.id = 0;
+  rh.ray.flags = 0;
   rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+  rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+}
+
+hit PickEmbree(RTCScene scene, const ray& r) {
+  RTCIntersectContext ctx;
+  rtcInitIntersectContext(&ctx);
+  RTCRayHit rh;
+  FillEmbreeRay(rh, r);
   rtcIntersect1(scene, &ctx, &rh);
-  return rh.hit.geomID == RTC_INVALID_GEOMETRY_ID ? FLT_MAX : rh.ray.tfar;
+  return rh.hit.geomID == RTC_INVALID_GEOMETRY_ID ? hit{~0u, FLT_MAX} : hit{rh.hit.primID, rh.ray.tfar};
+}
+
+// Sixteen rays at a time, as a packet.
+void PickEmbree16(RTCScene scene, const ray* rays, hit* out) {
+  alignas(64) int valid[16];
+  alignas(64) RTCRayHit16 rh;
+  for (int k = 0; k < 16; ++k) {
+    valid[k] = -1;
+    const ray& r = rays[k];
+    rh.ray.org_x[k] = r.origin[0], rh.ray.org_y[k] = r.origin[1], rh.ray.org_z[k] = r.origin[2];
+    rh.ray.dir_x[k] = r.direction[0], rh.ray.dir_y[k] = r.direction[1], rh.ray.dir_z[k] = r.direction[2];
+    rh.ray.tnear[k] = 0.0f;
+    rh.ray.tfar[k] = FLT_MAX;
+    rh.ray.time[k] = 0.0f;
+    rh.ray.mask[k] = ~0u;
+    rh.ray.id[k] = 0;
+    rh.ray.flags[k] = 0;
+    rh.hit.geomID[k] = RTC_INVALID_GEOMETRY_ID;
+  }
+  RTCIntersectContext ctx;
+  rtcInitIntersectContext(&ctx);
+  rtcIntersect16(valid, scene, &ctx, &rh);
+  for (int k = 0; k < 16; ++k)
+    out[k] = rh.hit.geomID[k] == RTC_INVALID_GEOMETRY_ID ? hit{~0u, FLT_MAX} : hit{rh.hit.primID[k], rh.ray.tfar[k]};
+}
+
+// A stream of incoherent rays (rtcIntersect1M).
+void PickEmbreeStream(RTCScene scene, const ray* rays, hit* out, int n, RTCRayHit* scratch) {
+  for (int k = 0; k < n; ++k) FillEmbreeRay(scratch[k], rays[k]);
+  RTCIntersectContext ctx;
+  rtcInitIntersectContext(&ctx);
+  ctx.flags = RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT;
+  rtcIntersect1M(scene, &ctx, scratch, unsigned(n), sizeof(RTCRayHit));
+  for (int k = 0; k < n; ++k)
+    out[k] = scratch[k].hit.geomID == RTC_INVALID_GEOMETRY_ID ? hit{~0u, FLT_MAX}
+                                                              : hit{scratch[k].hit.primID, scratch[k].ray.tfar};
 }
 #endif
 
-void BM_Build_Ours(benchmark::State& state) {
+// ---- Agreement ---------------------------------------------------------------------
+
+struct Vec3 {
+  double x, y, z;
+};
+Vec3 operator-(Vec3 a, Vec3 b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
+Vec3 Cross(Vec3 a, Vec3 b) { return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x}; }
+double Dot(Vec3 a, Vec3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+double Norm(Vec3 a) { return std::sqrt(Dot(a, a)); }
+
+Vec3 Corner(const Scene& s, std::uint32_t prim, int k) {
+  const float* v = &s.xyz[3 * std::size_t(s.tri[3 * std::size_t(prim) + k])];
+  return {v[0], v[1], v[2]};
+}
+
+// Distance between the ray's line and the segment ab.
+double LineToSegment(Vec3 o, Vec3 d, Vec3 a, Vec3 b) {
+  const Vec3 e = b - a, w = a - o;
+  const double dd = Dot(d, d), ee = Dot(e, e), de = Dot(d, e), dw = Dot(d, w), ew = Dot(e, w);
+  const double den = dd * ee - de * de;
+  double s = den > 1e-300 ? (de * dw - dd * ew) / den : 0.0;  // along the segment
+  s = std::clamp(s, 0.0, 1.0);
+  const Vec3 p{a.x + s * e.x, a.y + s * e.y, a.z + s * e.z};
+  const double t = Dot(p - o, d) / dd;
+  const Vec3 q{o.x + t * d.x - p.x, o.y + t * d.y - p.y, o.z + t * d.z - p.z};
+  return Norm(q);
+}
+
+// Whether ray r passes within float rounding of an edge of triangle prim,
+// hitting it at distance t: the tests round relative to the size of the
+// coordinates they subtract, the distance plus the triangle's size.
+bool NearEdge(const Scene& s, std::uint32_t prim, const ray& r, float t) {
+  const Vec3 o{r.origin[0], r.origin[1], r.origin[2]}, d{r.direction[0], r.direction[1], r.direction[2]};
+  const Vec3 a = Corner(s, prim, 0), b = Corner(s, prim, 1), c = Corner(s, prim, 2);
+  const double size = std::max({Norm(b - a), Norm(c - b), Norm(a - c)});
+  const double tol = 2e-6 * (double(t) * Norm(d) + size + 1e-3);
+  return std::min({LineToSegment(o, d, a, b), LineToSegment(o, d, b, c), LineToSegment(o, d, c, a)}) < tol;
+}
+
+// The rule: both miss, or the nearest distances match (looser for rays
+// grazing the hit triangle), unless either hit lies within rounding of an
+// edge, where either answer may stand.
+enum class Verdict { same, edge, violation };
+
+Verdict Judge(const Scene& s, const ray& r, hit a, hit b) {
+  const bool ha = a.primitive != ~0u, hb = b.primitive != ~0u;
+  if (!ha && !hb) return Verdict::same;
+  if ((ha && NearEdge(s, a.primitive, r, a.t)) || (hb && NearEdge(s, b.primitive, r, b.t))) return Verdict::edge;
+  if (ha != hb) return Verdict::violation;
+  const Vec3 d{r.direction[0], r.direction[1], r.direction[2]};
+  const Vec3 n = Cross(Corner(s, a.primitive, 1) - Corner(s, a.primitive, 0),
+                       Corner(s, a.primitive, 2) - Corner(s, a.primitive, 0));
+  const double cosine = std::fabs(Dot(n, d)) / std::max(1e-300, Norm(n) * Norm(d));
+  const double tol = 2e-6 * (std::max(a.t, b.t) * Norm(d) + 1.0) / std::max(cosine, 1e-3);
+  return std::fabs(double(a.t) - double(b.t)) <= tol ? Verdict::same : Verdict::violation;
+}
+
+struct Tally {
+  std::size_t rays = 0, hits = 0, same = 0, edge = 0, violations = 0;
+  void add(Verdict v) {
+    ++rays;
+    same += v == Verdict::same;
+    edge += v == Verdict::edge;
+    violations += v == Verdict::violation;
+  }
+  void print(const char* what) const {
+    std::printf("  %-28s %zu rays: %zu agree, %zu at an edge, %zu violations\n", what, rays, same, edge, violations);
+  }
+};
+
+// Checks one ray set; returns the number of violations.
+std::size_t CheckAgreement(const char* label, const std::vector<ray>& rays) {
+  World& w = TheWorld();
+  const pick_index& index = *w.tile->getPickIndex();
+  Tally exact, embree, kernels;
+  std::size_t hits = 0;
+  for (std::size_t i = 0; i < rays.size(); ++i) {
+    const ray& r = rays[i];
+    const hit fast = PickFast(index, r);
+    hits += fast.primitive != ~0u;
+    exact.add(Judge(w.scene, r, PickExact(*w.tile, r), fast));
+#if KEL_HAVE_EMBREE
+    embree.add(Judge(w.scene, r, PickEmbree(w.embree, r), fast));
+#endif
+  }
+  // Every kernel returns the default kernel's bits.
+  auto& mutableIndex = const_cast<pick_index&>(index);
+  const auto best = index.kernel();
+  for (auto k : {kel::fdo::pick_kernel::scalar, kel::fdo::pick_kernel::sse2, kel::fdo::pick_kernel::avx2,
+                 kel::fdo::pick_kernel::avx512}) {
+    if (k == best || !mutableIndex.setKernel(k)) continue;
+    for (std::size_t i = 0; i < rays.size(); i += 16) {
+      const hit other = PickFast(index, rays[i]);
+      mutableIndex.setKernel(best);
+      const hit ref = PickFast(index, rays[i]);
+      mutableIndex.setKernel(k);
+      kernels.add(other.primitive == ref.primitive && std::memcmp(&other.t, &ref.t, 4) == 0 ? Verdict::same
+                                                                                             : Verdict::violation);
+    }
+    mutableIndex.setKernel(best);
+  }
+  std::printf("%s rays: %zu, %zu hit\n", label, rays.size(), hits);
+  exact.print("pick index vs exact walk");
+#if KEL_HAVE_EMBREE
+  embree.print("Embree vs pick index");
+#endif
+  kernels.print("other kernels vs default");
+  return exact.violations + embree.violations + kernels.violations;
+}
+
+// ---- Benchmarks --------------------------------------------------------------------
+
+void BuildExact(bvh& tree, const Scene& s) {
+  kel::fdo::simple_primitive_iterator it(s.xyz.data(), 12, s.tri.data(), s.triangles());
+  tree.build(it);
+}
+
+void BM_Build_Exact(benchmark::State& state) {
   World& w = TheWorld();
   for (auto _ : state) {
     bvh tree;
-    BuildOurs(tree, w.scene);
+    BuildExact(tree, w.scene);
     benchmark::DoNotOptimize(tree.getNodeCount());
   }
   state.SetItemsProcessed(state.iterations() * w.scene.triangles());
 }
 
+// The exact tree and the pick index together, as the tile loader builds them.
+void BM_Build_Ours(benchmark::State& state) {
+  World& w = TheWorld();
+  for (auto _ : state) {
+    bvh tree;
+    BuildExact(tree, w.scene);
+    pick_index index(tree, w.scene.xyz.data(), w.scene.vertices(), w.scene.tri.data(), w.scene.tri.size() / 3);
+    benchmark::DoNotOptimize(index.getStats().packets);
+  }
+  state.SetItemsProcessed(state.iterations() * w.scene.triangles());
+}
+
 template <bool Vertical>
-void BM_Pick_Ours(benchmark::State& state) {
+void BM_Pick_Exact(benchmark::State& state) {
   World& w = TheWorld();
   const auto& rays = Vertical ? w.vertical : w.random;
-  const bvh& tree = *w.tile->getBVH();
-  auto& x = *w.tile->getIntersector();
   std::size_t i = 0;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(PickOurs(tree, x, rays[i]));
+    benchmark::DoNotOptimize(PickExact(*w.tile, rays[i]));
     i = (i + 1) & (rays.size() - 1);
   }
   state.SetItemsProcessed(state.iterations());
+}
+
+template <bool Vertical>
+void BM_Pick_Fast(benchmark::State& state) {
+  World& w = TheWorld();
+  const auto& rays = Vertical ? w.vertical : w.random;
+  const pick_index& index = *w.tile->getPickIndex();
+  std::size_t i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(PickFast(index, rays[i]));
+    i = (i + 1) & (rays.size() - 1);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+// All rays of a set per iteration through the batch call, on 1 or 2 threads.
+template <bool Vertical>
+void BM_Batch_Fast(benchmark::State& state) {
+  World& w = TheWorld();
+  const auto& rays = Vertical ? w.vertical : w.random;
+  std::vector<hit> out(rays.size());
+  const int saved = omp_get_max_threads();
+  omp_set_num_threads(int(state.range(0)));
+  for (auto _ : state) {
+    std::fill(out.begin(), out.end(), hit{~0u, FLT_MAX});
+    w.tile->pick(out.data(), rays.data(), rays.size());
+    benchmark::DoNotOptimize(out.data());
+  }
+  omp_set_num_threads(saved);
+  state.SetItemsProcessed(state.iterations() * std::int64_t(rays.size()));
 }
 
 #if KEL_HAVE_EMBREE
@@ -231,50 +450,75 @@ void BM_Pick_Embree(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations());
 }
-#endif
 
-// Agreement on every ray of a set: same hit/miss and distances within a
-// relative 1e-4 (the two sides round differently).
-
-void CheckAgreement(const char* label, const std::vector<ray>& rays) {
+// Embree's batch calls on the same rays: packets of 16 (Arg 0) or streams of
+// 256 (Arg 1); with two threads each takes half the batches.
+template <bool Vertical>
+void BM_Batch_Embree(benchmark::State& state) {
   World& w = TheWorld();
-  const bvh& tree = *w.tile->getBVH();
-  auto& x = *w.tile->getIntersector();
-  std::size_t hits = 0, agree = 0;
-  for (const ray& r : rays) {
-    const float ours = PickOurs(tree, x, r);
-    hits += ours < FLT_MAX;
-#if KEL_HAVE_EMBREE
-    const float theirs = PickEmbree(w.embree, r);
-    const bool same = (ours == FLT_MAX) == (theirs == FLT_MAX) &&
-                      (ours == FLT_MAX || std::fabs(ours - theirs) <= 1e-4f * std::max(1.0f, theirs));
-    agree += same;
-#else
-    ++agree;
-#endif
+  const auto& rays = Vertical ? w.vertical : w.random;
+  const bool stream = state.range(0) == 1;
+  const int threads = int(state.range(1));
+  std::vector<hit> out(rays.size());
+  const int chunk = stream ? 256 : 16;
+  const auto chunks = std::int64_t(rays.size() / std::size_t(chunk));
+  for (auto _ : state) {
+#pragma omp parallel num_threads(threads)
+    {
+      std::vector<RTCRayHit> scratch(stream ? 256 : 0);
+#pragma omp for schedule(dynamic, 4)
+      for (std::int64_t c = 0; c < chunks; ++c) {
+        const std::size_t at = std::size_t(c) * std::size_t(chunk);
+        if (stream)
+          PickEmbreeStream(w.embree, &rays[at], &out[at], chunk, scratch.data());
+        else
+          PickEmbree16(w.embree, &rays[at], &out[at]);
+      }
+    }
+    benchmark::DoNotOptimize(out.data());
   }
-  std::printf("%-9s rays %zu, hits %zu, same nearest distance as Embree on %zu (%.4f%%)\n", label, rays.size(), hits,
-              agree, 100.0 * double(agree) / double(rays.size()));
+  state.SetItemsProcessed(state.iterations() * std::int64_t(rays.size()));
 }
+#endif
 
-// Prints ours/theirs ratios from the medians once every benchmark ran.
+// Prints ratios from the medians once every benchmark ran.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& r : runs)
       if (r.run_type == Run::RT_Aggregate && r.aggregate_name == "median")
-        rate_[r.run_name.function_name] = r.counters.at("items_per_second");
+        rate_[r.run_name.function_name + (r.run_name.args.empty() ? "" : "/" + r.run_name.args)] =
+            r.counters.at("items_per_second");
   }
   void Finalize() override {
     ConsoleReporter::Finalize();
     auto ratio = [&](const char* what, const std::string& ours, const std::string& theirs) {
       if (rate_.count(ours) && rate_.count(theirs))
-        std::printf("ratio ours/Embree %-16s %.2f\n", what, rate_[ours] / rate_[theirs]);
+        std::printf("ratio %-44s %.2f\n", what, rate_[ours] / rate_[theirs]);
     };
-    ratio("build speed", "BM_Build_Ours", "BM_Build_Embree");
-    ratio("vertical picks", "BM_Pick_Ours<true>", "BM_Pick_Embree<true>");
-    ratio("random rays", "BM_Pick_Ours<false>", "BM_Pick_Embree<false>");
+    std::printf("pick kernel: %s\n", pick_index::kernelName(pick_index::bestKernel()));
+    ratio("build exact+index / Embree (speed)", "BM_Build_Ours", "BM_Build_Embree");
+    ratio("build exact / Embree (speed)", "BM_Build_Exact", "BM_Build_Embree");
+    ratio("vertical picks, index / Embree", "BM_Pick_Fast<true>", "BM_Pick_Embree<true>");
+    ratio("random rays, index / Embree", "BM_Pick_Fast<false>", "BM_Pick_Embree<false>");
+    ratio("vertical picks, exact / Embree", "BM_Pick_Exact<true>", "BM_Pick_Embree<true>");
+    ratio("random rays, exact / Embree", "BM_Pick_Exact<false>", "BM_Pick_Embree<false>");
+    ratio("vertical batch, index 2 threads / 1 thread", "BM_Batch_Fast<true>/threads:2", "BM_Batch_Fast<true>/threads:1");
+    ratio("random batch, index 2 threads / 1 thread", "BM_Batch_Fast<false>/threads:2",
+          "BM_Batch_Fast<false>/threads:1");
+    for (const char* kind : {"true", "false"}) {
+      const std::string ours1 = std::string("BM_Batch_Fast<") + kind + ">/threads:1";
+      const std::string ours2 = std::string("BM_Batch_Fast<") + kind + ">/threads:2";
+      const std::string e16 = std::string("BM_Batch_Embree<") + kind + ">/stream:0/threads:";
+      const std::string eM = std::string("BM_Batch_Embree<") + kind + ">/stream:1/threads:";
+      for (const char* t : {"1", "2"}) {
+        const std::string theirs = rate_[e16 + t] > rate_[eM + t] ? e16 + t : eM + t;
+        const std::string what = std::string(kind[0] == 't' ? "vertical" : "random") + " batch, index / Embree " +
+                                 (theirs == e16 + t ? "16" : "1M") + ", " + t + " thread(s)";
+        ratio(what.c_str(), t[0] == '1' ? ours1 : ours2, theirs);
+      }
+    }
   }
 
 private:
@@ -283,13 +527,28 @@ private:
 
 }  // namespace
 
-BENCHMARK(BM_Build_Ours)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3)->ReportAggregatesOnly(true);
-BENCHMARK_TEMPLATE(BM_Pick_Ours, true)->Repetitions(3)->ReportAggregatesOnly(true);
-BENCHMARK_TEMPLATE(BM_Pick_Ours, false)->Repetitions(3)->ReportAggregatesOnly(true);
+// Builds: warm-up, several iterations per repetition, median of five.
+BENCHMARK(BM_Build_Exact)->Unit(benchmark::kMillisecond)->UseRealTime()->MinWarmUpTime(1)->MinTime(2)
+    ->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(BM_Build_Ours)->Unit(benchmark::kMillisecond)->UseRealTime()->MinWarmUpTime(1)->MinTime(2)
+    ->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK_TEMPLATE(BM_Pick_Exact, true)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK_TEMPLATE(BM_Pick_Exact, false)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK_TEMPLATE(BM_Pick_Fast, true)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK_TEMPLATE(BM_Pick_Fast, false)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK_TEMPLATE(BM_Batch_Fast, true)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)
+    ->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK_TEMPLATE(BM_Batch_Fast, false)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)
+    ->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 #if KEL_HAVE_EMBREE
-BENCHMARK(BM_Build_Embree)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3)->ReportAggregatesOnly(true);
-BENCHMARK_TEMPLATE(BM_Pick_Embree, true)->Repetitions(3)->ReportAggregatesOnly(true);
-BENCHMARK_TEMPLATE(BM_Pick_Embree, false)->Repetitions(3)->ReportAggregatesOnly(true);
+BENCHMARK(BM_Build_Embree)->Unit(benchmark::kMillisecond)->UseRealTime()->MinWarmUpTime(1)->MinTime(2)
+    ->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK_TEMPLATE(BM_Pick_Embree, true)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK_TEMPLATE(BM_Pick_Embree, false)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK_TEMPLATE(BM_Batch_Embree, true)->ArgNames({"stream", "threads"})->ArgsProduct({{0, 1}, {1, 2}})
+    ->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK_TEMPLATE(BM_Batch_Embree, false)->ArgNames({"stream", "threads"})->ArgsProduct({{0, 1}, {1, 2}})
+    ->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 #endif
 
 int main(int argc, char** argv) {
@@ -300,12 +559,34 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "the scene did not load as a tile\n");
     return 1;
   }
+  const bvh& tree = *w.tile->getBVH();
+  const pick_index::stats& st = w.tile->getPickIndex()->getStats();
+  std::printf("scene: %d triangles; bvh %d nodes; pick index %d nodes, %d leaves, %d packets, %d columns (%zu entries)\n",
+              w.scene.triangles(), tree.getNodeCount(), st.nodes, st.leaves, st.packets, st.columns,
+              st.columnEntries);
+  // Memory as allocated: the exact tree's node array at its capacity.
+  const double mb = 1e-6;
+  const double exactBytes = 32.0 * tree.getNodeCapacity() + 4.0 * tree.getPrimitiveCount();
+  std::printf("memory: exact tree %.1f MB (%.1f MB of nodes in use), pick index %.1f MB (nodes %.1f, packets %.1f, "
+              "columns %.1f), both %.1f MB\n",
+              exactBytes * mb, 32.0 * tree.getNodeCount() * mb, double(st.bytes()) * mb, double(st.nodeBytes) * mb,
+              double(st.packetBytes) * mb, double(st.columnBytes) * mb,
+              (exactBytes + double(st.bytes())) * mb);
 #if KEL_HAVE_EMBREE
+  rtcSetDeviceMemoryMonitorFunction(w.device, CountEmbreeBytes, nullptr);
+  const long long before = embreeBytes;
   w.embree = BuildEmbree(w.device, w.scene);
+  const double theirs = double(embreeBytes - before);
+  std::printf("memory: Embree %.1f MB (shared soup not counted); ours / Embree %.2f\n", theirs * mb,
+              (exactBytes + double(st.bytes())) / theirs);
 #endif
-  std::printf("scene: %d triangles, bvh nodes %d\n", w.scene.triangles(), w.tile->getBVH()->getNodeCount());
-  CheckAgreement("vertical", w.vertical);
-  CheckAgreement("random", w.random);
+  std::size_t violations = 0;
+  violations += CheckAgreement("vertical", w.vertical);
+  violations += CheckAgreement("random", w.random);
+  if (violations) {
+    std::fprintf(stderr, "%zu rays break the agreement rule; no timings\n", violations);
+    return 1;
+  }
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
 #if KEL_HAVE_EMBREE

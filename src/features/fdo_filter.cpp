@@ -10,6 +10,7 @@
 #include "features/detail/geos_util.h"
 #include "kel/core/log.h"
 #include "kel/core/text.h"
+#include "kel/geometry/geometry_buffer.h"
 
 namespace kel {
 
@@ -370,6 +371,19 @@ FdoFilterPtr FdoFilterUtil::CreateFdoSpatialExtentFilter(const std::wstring& geo
   auto geometry = FdoGeometryValue::CreateBox(box);
   if (!geometry) return nullptr;
   return FdoSpatialCondition::Create(geometryProperty, FdoSpatialOperation::EnvelopeIntersects, std::move(geometry));
+}
+
+FdoFilterPtr FdoFilterUtil::CreateFdoSpatialGeometryFilter(const std::wstring& geometryProperty,
+                                                           const GeometryBuffer& geometry,
+                                                           FdoSpatialOperation operation) {
+  const std::wstring wkt = geometry.empty() ? std::wstring() : geometry.ToWKT();
+  if (wkt.empty()) {
+    KEL_LOG_ERROR(L"A spatial filter needs a geometry with a WKT form");
+    return nullptr;
+  }
+  auto value = FdoGeometryValue::Create(wkt);
+  if (!value) return nullptr;
+  return FdoSpatialCondition::Create(geometryProperty, operation, std::move(value));
 }
 
 const wchar_t* FdoFilterUtil::ToString(FdoSpatialOperation op) {

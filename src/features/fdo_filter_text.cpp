@@ -544,8 +544,8 @@ FdoFilterPtr FdoFilterUtil::Parse(const std::wstring& text, FdoParseError* error
     if (error) *error = FdoParseError{};
     return f;
   } catch (const ParseFailure& failure) {
-    KEL_LOG_ERROR(L"Filter does not parse at offset " + std::to_wstring(failure.offset) + L": " + failure.message);
     if (error) *error = FdoParseError{failure.offset, failure.message};
+    else KEL_LOG_ERROR(L"Filter does not parse at offset " + std::to_wstring(failure.offset) + L": " + failure.message);
     return nullptr;
   }
 }

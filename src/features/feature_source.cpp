@@ -6,6 +6,7 @@
 
 #include "features/detail/filter_text.h"
 #include "features/detail/gdal_util.h"
+#include "features/detail/ogr_geometry.h"
 #include "features/detail/residual_filter.h"
 #include "kel/core/log.h"
 #include "kel/core/text.h"
@@ -131,6 +132,19 @@ private:
         case FeaturePropertyType::Geometry: break;
       }
     }
+    const OGRGeometry* g = shape_.defaultGeometryField >= 0 ? f.GetGeomFieldRef(shape_.defaultGeometryField) : nullptr;
+    if (!g) {
+      feature_.geometry.reset();
+      return;
+    }
+    // Reuse the buffer unless the caller kept the last one.
+    if (!feature_.geometry || feature_.geometry.use_count() > 1)
+      feature_.geometry = std::make_shared<GeometryBuffer>(0, FdoDimensionality_XY, false);
+    if (!features_detail::ToGeometryBuffer(*g, *feature_.geometry)) {
+      KEL_LOG_WARN(L"Feature " + std::to_wstring(feature_.id) + L" of class '" + shape_.definition.name +
+                   L"' has a geometry of an unsupported kind; it is read without one");
+      feature_.geometry.reset();
+    }
   }
 
   DatasetPtr dataset_;
@@ -147,8 +161,8 @@ private:
 
 FeatureReader::~FeatureReader() = default;
 
-std::map<std::wstring, std::wstring> FeatureReader::attributes() const {
-  std::map<std::wstring, std::wstring> out;
+PropertyBag FeatureReader::attributes() const {
+  PropertyBag out;
   const auto& props = definition().properties;
   const auto& values = feature().values;
   for (std::size_t i = 0; i < props.size() && i < values.size(); ++i) {
@@ -172,7 +186,7 @@ std::map<std::wstring, std::wstring> FeatureReader::attributes() const {
       case FeaturePropertyType::Geometry: continue;
       default: text = v.text; break;
     }
-    out.emplace(props[i].name, std::move(text));
+    out.SetValue(props[i].name, text);
   }
   return out;
 }
@@ -223,6 +237,14 @@ bool FeatureSource::DescribeClass(const std::wstring& className, FeatureClassDef
   if (!layer) return false;
   out = features_detail::DescribeLayer(*layer).definition;
   return true;
+}
+
+std::int64_t FeatureSource::GetFeatureCount(const std::wstring& className) const {
+  GdalErrors errors;
+  OGRLayer* layer = impl_->dataset->GetLayerByName(WString2Utf8String(className).c_str());
+  if (!layer) return -1;
+  const GIntBig n = layer->GetFeatureCount(FALSE);
+  return n < 0 ? -1 : static_cast<std::int64_t>(n);
 }
 
 FeatureReaderPtr FeatureSource::Select(const std::wstring& className, const FdoFilterPtr& filter) const {

@@ -1,6 +1,7 @@
 // GeometryBuffer operations of our own: generalisation (Douglas-Peucker),
 // tessellation, the height filter and Chaikin smoothing.
 #include <algorithm>
+#include <array>
 #include <cassert>
 #include <climits>
 #include <cmath>
@@ -101,39 +102,56 @@ bool GeometryBuffer::Tessellate(LineBuffer* out, double maxSegmentLength) const 
   assert(out != nullptr && out != this);
   if (!(maxSegmentLength > 0.0)) return false;
   const double inverse = 1.0 / maxSegmentLength;
-  const LineBuffer::Mark before = out->mark();
-  // Points the output may still take before its int counts overflow.
-  double budget = double(INT_MAX) - out->pointCount() - pointCount();
-  out->Reserve(out->pointCount() + pointCount());
+  // First the pieces of every segment, so the output is sized once: growing
+  // it as we go would copy and fault in every point about twice more.
+  std::vector<std::uint32_t> pieces(std::size_t(std::max(pointCount(), 1)));
+  double total = double(out->pointCount()) + double(pointCount());
+  const double* pts = pointData();
+  for (int c = 0; c < contourCount(); ++c)
+    for (int i = contourStart(c) + 1; i <= contourEnd(c); ++i) {
+      const double* p = pts + 3 * std::size_t(i - 1);
+      const double dx = p[3] - p[0], dy = p[4] - p[1], dz = p[5] - p[2];
+      const double n = std::ceil(std::sqrt(dx * dx + dy * dy + dz * dz) * inverse);
+      if (n > 1.0) {
+        total += n - 1.0;
+        if (!(total <= double(INT_MAX))) {
+          KEL_LOG_ERROR(L"Tessellate: the segment length is too small for this geometry");
+          return false;
+        }
+      }
+      pieces[std::size_t(i)] = n > 1.0 ? std::uint32_t(n) : 1u;
+    }
+  out->Reserve(int(total));
   const bool withZ = hasZ();
+  std::array<double, 3 * 256> block;
   for (int g = 0; g < geometryCount(); ++g) {
     BeginGeometry(*this, out);
     const int c0 = geometryFirstContour(g);
     for (int c = c0; c < c0 + geometryContourCount(g); ++c) {
       const int s = contourStart(c), e = contourEnd(c);
-      P3 p = At(*this, s);
-      out->MoveTo(p.x, p.y, p.z);
+      out->MoveTo(x(s), y(s), z(s));
+      // Points go out in blocks, not one LineTo each.
+      std::size_t used = 0;
       for (int i = s + 1; i <= e; ++i) {
-        const P3 q = At(*this, i);
-        const double dx = q.x - p.x, dy = q.y - p.y, dz = q.z - p.z;
-        const double d = std::sqrt(dx * dx + dy * dy + dz * dz);
-        const double n = std::ceil(d * inverse);
-        if (n > 1.0) {
-          budget -= n - 1.0;
-          if (!(budget >= 0.0)) {
-            KEL_LOG_ERROR(L"Tessellate: the segment length is too small for this geometry");
-            out->rollBack(before);
-            return false;
+        const double* p = pts + 3 * std::size_t(i - 1);
+        const std::uint32_t n = pieces[std::size_t(i)];
+        const double dx = p[3] - p[0], dy = p[4] - p[1], dz = p[5] - p[2];
+        const double dn = double(n);
+        for (std::uint32_t k = 1; k <= n; ++k) {
+          if (used == block.size()) {
+            out->LineToMany(block.data(), int(used / 3));
+            used = 0;
           }
-          const int steps = int(n);
-          for (int k = 1; k < steps; ++k) {
-            const double t = double(k) / n;
-            out->LineTo(p.x + dx * t, p.y + dy * t, p.z + dz * t);
+          if (k == n) {  // the input vertex itself, exactly
+            block[used] = p[3], block[used + 1] = p[4], block[used + 2] = p[5];
+          } else {
+            const double t = double(k) / dn;
+            block[used] = p[0] + dx * t, block[used + 1] = p[1] + dy * t, block[used + 2] = p[2] + dz * t;
           }
+          used += 3;
         }
-        out->LineTo(q.x, q.y, q.z);
-        p = q;
       }
+      out->LineToMany(block.data(), int(used / 3));
       if (x(e) == x(s) && y(e) == y(s) && (!withZ || z(e) == z(s))) out->Close();
     }
   }

@@ -123,6 +123,22 @@ void LineBuffer::rollBack(const Mark& m) {
   ignoreZ_ = m.ignoreZ;
 }
 
+void LineBuffer::LineToMany(const double* xyz, int n) {
+  if (n <= 0) return;
+  if (contours_.empty() || geometries_.back().firstContour == contourCount()) {
+    MoveTo(xyz[0], xyz[1], xyz[2]);
+    xyz += 3;
+    --n;
+  }
+  xyz_.insert(xyz_.end(), xyz, xyz + 3 * std::size_t(n));
+  contours_.back().count += n;
+  for (int i = 0; i < n; ++i, xyz += 3)
+    for (std::size_t a = 0; a < 3; ++a) {
+      bounds_.min[a] = std::min(bounds_.min[a], xyz[a]);
+      bounds_.max[a] = std::max(bounds_.max[a], xyz[a]);
+    }
+}
+
 void LineBuffer::Close() {
   if (contours_.empty() || geometries_.back().firstContour == contourCount()) return;
   const Contour& c = contours_.back();

@@ -81,39 +81,53 @@ void Encode(const IImage& src, IImage& dst, bool dxt5) {
     dxt5 ? EncodeRows<false, true>(src, dst) : EncodeRows<false, false>(src, dst);
 }
 
-void Decode(const IImage& src, IImage& dst, bool bgra) {
+// Whole rows of whole blocks go straight into the destination with no
+// per-block checks; the edge blocks (partial, or beyond what the source
+// holds) take the careful path.
+template <bool Dxt5, bool Bgra>
+void DecodeRows(const IImage& src, IImage& dst) {
   const std::uint64_t w = dst.width(), h = dst.height();
-  if (w == 0 || h == 0) return;
-  const bool dxt5 = src.format() == IImage::DXT5;
-  const std::uint64_t blockBytes = dxt5 ? 16 : 8;
+  constexpr std::uint64_t blockBytes = Dxt5 ? 16 : 8;
   // Sizes below 4 still walk one block; only pixels inside the image are written.
   const std::uint64_t across = BlocksAcross(w), down = BlocksAcross(h);
-  const std::uint64_t available = IImage::SizeInBytes(src.width(), src.height(), src.format(), 1);
+  const std::uint64_t available = IImage::SizeInBytes(src.width(), src.height(), src.format(), 1) / blockBytes;
   const std::uint8_t* in = src.lineData(0, 0);
   std::uint8_t* out = dst.lineData(0, 0);
   if (out == nullptr) return;  // the destination could not be allocated
   const std::uint64_t pitch = w * 4;
+  const std::uint64_t wholeAcross = w / 4;
   std::uint8_t edge[64];
   for (std::uint64_t by = 0; by < down; ++by) {
     const std::uint64_t rowsHere = std::min<std::uint64_t>(4, h - by * 4);
-    for (std::uint64_t bx = 0; bx < across; ++bx) {
-      const std::uint64_t offset = (by * across + bx) * blockBytes;
+    const std::uint64_t first = by * across;
+    std::uint64_t bx = 0;
+    if (rowsHere == 4 && first + wholeAcross <= available) {
+      const std::uint8_t* block = in + first * blockBytes;
+      std::uint8_t* target = out + by * 4 * pitch;
+      for (; bx < wholeAcross; ++bx, block += blockBytes, target += 16)
+        detail::DecodeBlock(block, Dxt5, Bgra, target, pitch);
+    }
+    for (; bx < across; ++bx) {
       std::uint8_t* target = out + by * 4 * pitch + bx * 16;
       const std::uint64_t colsHere = std::min<std::uint64_t>(4, w - bx * 4);
-      const bool whole = rowsHere == 4 && colsHere == 4;
-      if (offset + blockBytes > available) {
+      if (first + bx >= available) {
         // A block the source has no room for (tiny or odd sizes) reads as transparent black.
         for (std::uint64_t j = 0; j < rowsHere; ++j) std::memset(target + j * pitch, 0, colsHere * 4);
         continue;
       }
-      if (whole) {
-        detail::DecodeBlock(in + offset, dxt5, bgra, target, pitch);
-      } else {
-        detail::DecodeBlock(in + offset, dxt5, bgra, edge, 16);
-        for (std::uint64_t j = 0; j < rowsHere; ++j) std::memcpy(target + j * pitch, edge + j * 16, colsHere * 4);
-      }
+      detail::DecodeBlock(in + (first + bx) * blockBytes, Dxt5, Bgra, edge, 16);
+      for (std::uint64_t j = 0; j < rowsHere; ++j) std::memcpy(target + j * pitch, edge + j * 16, colsHere * 4);
     }
   }
+}
+
+void Decode(const IImage& src, IImage& dst, bool bgra) {
+  if (dst.width() == 0 || dst.height() == 0) return;
+  const bool dxt5 = src.format() == IImage::DXT5;
+  if (bgra)
+    dxt5 ? DecodeRows<true, true>(src, dst) : DecodeRows<false, true>(src, dst);
+  else
+    dxt5 ? DecodeRows<true, false>(src, dst) : DecodeRows<false, false>(src, dst);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cfloat>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <exception>
@@ -206,6 +207,9 @@ SFF2BVH::SFF2BVH(sff_input_stream& source) {
 }
 
 void SFF2BVH::load(sff_input_stream& source, const std::wstring& name) {
+  using Clock = std::chrono::steady_clock;
+  const auto seconds = [](Clock::time_point from) { return std::chrono::duration<double>(Clock::now() - from).count(); };
+  auto began = Clock::now();
   auto vertices = std::make_shared<VertexArray>();
   auto indices = std::make_shared<IndexArray>();
   {
@@ -213,16 +217,35 @@ void SFF2BVH::load(sff_input_stream& source, const std::wstring& name) {
     sff_reader().read(source, processor);
   }
   DropBadTriangles(*vertices, *indices);
+  timings_.read = seconds(began);
   if (vertices->empty() || indices->empty()) return;
   if (indices->size() / 3 > std::size_t(INT_MAX)) {
     KEL_LOG_ERROR(L"Tile has too many triangles for one tree" + (name.empty() ? L"" : L": " + name));
     return;
   }
+  began = Clock::now();
   TilePrimitveIterator iterator(vertices, indices);
   auto tree = std::make_shared<fdo::bvh>();
   tree->build(iterator);
+  timings_.tree = seconds(began);
+  began = Clock::now();
+  pick_ = std::make_shared<const fdo::pick_index>(*tree, vertices->data(), vertices->size() / 3, indices->data(),
+                                                  indices->size() / 3);
+  timings_.index = seconds(began);
   intersector_ = std::make_shared<TileIntersector>(vertices, indices);
   tree_ = std::move(tree);
+}
+
+void SFF2BVH::pick(fdo::hit& io, const fdo::ray& r, float* uv) const {
+  if (pick_) pick_->intersect(io, r, uv);
+}
+
+void SFF2BVH::pick(fdo::hit* io, const fdo::ray* rays, std::size_t n) const {
+  if (pick_) pick_->intersect(io, rays, n);
+}
+
+bool SFF2BVH::heightAt(float x, float y, float& z, std::uint32_t* primitive) const {
+  return pick_ && pick_->heightAt(x, y, z, primitive);
 }
 
 }  // namespace kel

@@ -44,7 +44,7 @@ std::shared_ptr<SRSTransform> SRSTransform::Create(const std::shared_ptr<SRSCoor
   }
   if (!normalised) {
     KEL_LOG_ERROR(L"Failed to create transformation from " + source->GetCode() + L" to " + target->GetCode() +
-                  L". Message: " + detail::TakeProjError(ctx));
+                  L". Message: " + detail::TakeProjError(ctx, L"PROJ knows no operation between them"));
     return nullptr;
   }
   const double scale = HeightUnit(*source) / HeightUnit(*target);

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "kel/geometry/geometry_buffer.h"
 #include "support/log_capture.h"
 
 namespace kel {
@@ -130,6 +131,9 @@ TEST(FdoFilterText, RefusesBadTextWithThePosition) {
     EXPECT_EQ(error.offset, c.offset) << c.text;
     EXPECT_EQ(error.message, c.message) << c.text;
   }
+  // A caller that takes the error gets no log line; one that does not, does.
+  EXPECT_TRUE(log.events().empty());
+  EXPECT_EQ(FdoFilterUtil::Parse(L"FeatId IN (1, 2"), nullptr);
   EXPECT_TRUE(log.contains("Filter does not parse at offset 15: expected ',' or ')' in the IN list"));
 }
 
@@ -312,6 +316,10 @@ TEST(FdoFilterUtil, CommonFiltersHaveTheirTextForms) {
   EXPECT_EQ(FdoFilterUtil::CreateFdoSpatialExtentFilter(L"Geometry", BBox<2, double>(Vec2d(0, -1.5), Vec2d(2, 3)))
                 ->ToText(),
             L"Geometry ENVELOPEINTERSECTS GeomFromText('POLYGON ((0.0 -1.5, 2.0 -1.5, 2.0 3.0, 0.0 3.0, 0.0 -1.5))')");
+  EXPECT_EQ(FdoFilterUtil::CreateFdoSpatialGeometryFilter(L"geom", GeometryBuffer(BBox<2, double>(Vec2d(0, 0), Vec2d(2, 3))),
+                                                         FdoSpatialOperation::Within)
+                ->ToText(),
+            L"geom WITHIN GeomFromText('POLYGON ((0 0, 2 0, 2 3, 0 3, 0 0))')");
   // A degenerate box is a point: still a valid extent.
   EXPECT_NE(FdoFilterUtil::CreateFdoSpatialExtentFilter(L"g", BBox<2, double>(Vec2d(1, 1), Vec2d(1, 1))), nullptr);
 }
@@ -323,6 +331,9 @@ TEST(FdoFilterUtil, RefusesValuesWithoutATextForm) {
   EXPECT_EQ(FdoFilterUtil::CreateFdoSpatialExtentFilter(L"g", BBox<2, double>(Vec2d(0, 0), Vec2d(inf, 1))), nullptr);
   EXPECT_EQ(FdoFilterUtil::CreateFdoSpatialExtentFilter(L"g", BBox<2, double>(Vec2d(nan, 0), Vec2d(1, 1))), nullptr);
   EXPECT_EQ(FdoDataValue::Create(nan), nullptr);
+  EXPECT_EQ(FdoFilterUtil::CreateFdoSpatialGeometryFilter(L"g", GeometryBuffer(0, FdoDimensionality_XY, false),
+                                                         FdoSpatialOperation::Intersects),
+            nullptr);
   EXPECT_EQ(FdoGeometryValue::Create(L"POLYGON ((0 0, 1 1"), nullptr);
   EXPECT_EQ(FdoGeometryValue::Create(std::wstring(100, L'(')), nullptr);
   EXPECT_EQ(FdoDistanceCondition::Create(L"g", FdoDistanceOperation::Beyond, FdoGeometryValue::Create(L"POINT (0 0)"),

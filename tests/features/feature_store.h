@@ -20,6 +20,7 @@
 #include <gdal_priv.h>
 #include <ogrsf_frmts.h>
 
+#include "kel/core/text.h"
 #include "kel/features/feature_source.h"
 
 namespace kel::test {
@@ -198,6 +199,13 @@ inline std::set<std::int64_t> SqlIds(const std::string& connection, const std::s
   ds->ReleaseResultSet(result);
   GDALClose(ds);
   return ids;
+}
+
+// An attribute of the reader's current feature as UTF-8, "<null>" when absent.
+inline std::string Attribute(const FeatureReader& reader, const std::string& name) {
+  std::wstring value;
+  if (!reader.attributes().GetValue(kel::Utf8String2WString(name), value)) return "<null>";
+  return kel::WString2Utf8String(value);
 }
 
 // Every id a reader yields.

@@ -1,5 +1,5 @@
 # The features tests build their stores and expected answers with GDAL itself.
-target_link_libraries(kel_features_tests PRIVATE GDAL::GDAL)
+target_link_libraries(kel_features_tests PRIVATE GDAL::GDAL GEOS::geos_c)
 
 # PostGis* tests run against a throw-away PostgreSQL + PostGIS server that a
 # ctest fixture starts before them and stops after them, pass or fail. When

@@ -150,7 +150,11 @@ TEST(Bvh, OnlyExactlyVerticalRaysTakeTheColumnWalk) {
   };
   for (const Case c : {Case{-1.0f, true}, Case{1.0f, true}, Case{-0.5f, false}, Case{0.5f, false}}) {
     hit h{~0u, FLT_MAX};
-    tree.intersect(h, MakeRay(0, 0.5f, c.dz < 0 ? 5.0f : -5.0f, 0, 0, c.dz), x);
+    // Filled by hand: MakeRay would scale (0, 0, 0.5) to unit length.
+    ray r = MakeRay(0, 0.5f, c.dz < 0 ? 5.0f : -5.0f, 0, 0, 1);
+    r.direction[2] = c.dz;
+    r.invDirection[2] = 1.0f / c.dz;
+    tree.intersect(h, r, x);
     EXPECT_EQ(h.primitive != ~0u, c.hits) << c.dz;
   }
 }
@@ -209,7 +213,7 @@ TEST(Bvh, EqualDistancesKeepTheFirstInTraversalOrder) {
     hit h{~0u, FLT_MAX};
     tree.intersect(h, r, x);
     EXPECT_EQ(h.primitive, 0u);
-    EXPECT_FLOAT_EQ(h.t, 5.0f);
+    EXPECT_NEAR(h.t, 5.0f, 1e-3f);
   }
   // Across leaves: random triangles plus six copies of the target; the winner
   // is the first of the copies in the tree's slot order.

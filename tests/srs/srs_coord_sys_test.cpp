@@ -45,45 +45,54 @@ TEST(SRSCoordSys, EpsgCodeTestWantsFourOrFiveDigits) {
   for (const auto& c : cases) EXPECT_EQ(detail::IsEpsgCode(c.s), c.epsg) << WString2Utf8String(c.s);
 }
 
-// Every code of the table must name the EPSG system it claims: the name PROJ
-// gives the EPSG number must spell the same datum and zone, and the number
-// must lead back to the code.
+// Every code of the table must name the EPSG system it claims. The
+// catalogue lists the table's groups from PROJ's database under the numbers
+// the table maps to codes, so its names check that direction; the round trip
+// checks the other; a sample goes all the way through PROJ.
 TEST(SRSCoordSys, LibraryCodesNameTheirEpsgSystems) {
   const struct {
     const wchar_t* group;
     std::size_t count;
   } groups[] = {{L"Latitude/longitude", 3}, {L"UTM, WGS84", 120}, {L"UTM, NAD83", 23},
                 {L"UTM, NAD27", 22},        {L"Web mapping", 1},  {L"Non-earth", 2}};
+  int n = 0;
   for (const auto& g : groups) {
     const auto entries = Entries(g.group);
     EXPECT_EQ(entries.size(), g.count) << WString2Utf8String(g.group);
     for (const auto& e : entries) {
       SCOPED_TRACE(WString2Utf8String(e.Code));
-      const Sys s = SRSCoordSys::Create(e.Code);
-      ASSERT_TRUE(s);
-      EXPECT_EQ(s->GetCode(), e.Code);
-      EXPECT_EQ(s->GetDescription(), e.Description);
-      if (s->IsArbitrary()) continue;
-      const std::wstring wkt = s->GetWkt();
-      const auto id = wkt.rfind(L"ID[\"EPSG\",");
-      ASSERT_NE(id, std::wstring::npos);
-      const std::wstring epsg = wkt.substr(id + 10, wkt.size() - id - 12);
-      EXPECT_EQ(SRSUtils::ConvertEpsgToMentorCode(epsg), e.Code);
-      EXPECT_EQ(SRSCoordSys::Create(L"EPSG:" + epsg), s);
+      const int epsg = detail::EpsgOfLibraryCode(e.Code);
+      EXPECT_EQ(epsg == 0, e.Code == detail::kNonEarthCodes[0] || e.Code == detail::kNonEarthCodes[1]);
+      if (epsg != 0) {
+        EXPECT_EQ(detail::LibraryCodeOfEpsg(epsg), e.Code);
+      }
       if (e.Code.rfind(L"UTM", 0) == 0) {
         const std::wstring datum = e.Code.substr(3, 2) == L"84" ? L"WGS 84" : L"NAD" + e.Code.substr(3, 2);
         std::wstring zone = e.Code.substr(6);
         if (zone.back() != L'S' && zone.back() != L'N') zone += L'N';
         EXPECT_EQ(e.Description, datum + L" / UTM zone " + zone);
       }
+      if (n++ % 7 != 0 && epsg != 0) continue;
+      const Sys s = SRSCoordSys::Create(e.Code);
+      ASSERT_TRUE(s);
+      EXPECT_EQ(s->GetCode(), e.Code);
+      EXPECT_EQ(s->GetDescription(), e.Description);
+      if (epsg != 0) {
+        EXPECT_EQ(SRSCoordSys::Create(L"EPSG:" + std::to_wstring(epsg)), s);
+      }
     }
   }
-  EXPECT_EQ(SRSCoordSys::Create(L"LL83")->GetDescription(), L"NAD83");
-  EXPECT_EQ(SRSCoordSys::Create(L"LL27")->GetDescription(), L"NAD27");
-  EXPECT_EQ(SRSCoordSys::Create(L"WGS84.PseudoMercator")->GetDescription(), L"WGS 84 / Pseudo-Mercator");
+  EXPECT_EQ(Entries(L"Latitude/longitude")[1].Description, L"NAD83");
+  EXPECT_EQ(Entries(L"Latitude/longitude")[2].Description, L"NAD27");
+  EXPECT_EQ(Entries(L"Web mapping")[0].Description, L"WGS 84 / Pseudo-Mercator");
   // Just outside the table: no such codes.
-  for (const wchar_t* code : {L"UTM84-0N", L"UTM84-61N", L"UTM84-032N", L"UTM84-32", L"UTM83-24", L"UTM27-23"})
+  for (const wchar_t* code : {L"UTM84-0N", L"UTM84-61N", L"UTM84-032N", L"UTM84-32", L"UTM83-24", L"UTM27-23",
+                              L"UTM84-32n", L"LL84 "}) {
+    EXPECT_EQ(detail::EpsgOfLibraryCode(code), 0) << WString2Utf8String(code);
     EXPECT_FALSE(SRSUtils::IsValid(code)) << WString2Utf8String(code);
+  }
+  for (int epsg : {32600, 32661, 32700, 32761, 26900, 26924, 26700, 26723, 4258})
+    EXPECT_EQ(detail::LibraryCodeOfEpsg(epsg), L"") << epsg;
 }
 
 TEST(SRSCoordSys, CreateReadsEveryDefinitionForm) {
@@ -129,7 +138,9 @@ TEST(SRSCoordSys, FailuresAreEmptyWarnedOnceAndRemembered) {
   test::LogCapture log;
   EXPECT_FALSE(SRSCoordSys::Create(L""));
   EXPECT_TRUE(log.events().empty());
-  for (const wchar_t* bad : {L"NO-SUCH-SYSTEM", L"EPSG:99999", L"99999", L"PROJCS[\"broken\"", L"+proj=nosuch"}) {
+  // Object names are not definitions, even where PROJ's database knows them.
+  for (const wchar_t* bad :
+       {L"NO-SUCH-SYSTEM", L"WGS 84", L"EPSG:99999", L"99999", L"PROJCS[\"broken\"", L"+proj=nosuch"}) {
     SCOPED_TRACE(WString2Utf8String(bad));
     const std::string before = "Coordinate system error: Create(" + WString2Utf8String(bad) + "): ";
     EXPECT_FALSE(SRSCoordSys::Create(bad));

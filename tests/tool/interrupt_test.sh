@@ -23,6 +23,19 @@ start() {
   ) &
   watchdog=$!
 }
+# Waits (up to 20 s) until kel blocks or catches SIGINT (it takes Ctrl-C on a
+# thread of its own), so a signal sent under load never meets the default
+# action before main is ready for it.
+wait_for_handler() {
+  local blk cgt
+  for _ in $(seq 200); do
+    blk=$(sed -n 's/^SigBlk:[[:space:]]*//p' "/proc/$pid/status" 2>/dev/null)
+    cgt=$(sed -n 's/^SigCgt:[[:space:]]*//p' "/proc/$pid/status" 2>/dev/null)
+    [ -n "$blk" ] && [ $(( (0x$blk | 0x$cgt) & 2 )) -ne 0 ] && return 0
+    sleep 0.1
+  done
+  fail "kel never installed its SIGINT handler"
+}
 finish() { wait "$pid"; rc=$?; kill "$watchdog" 2>/dev/null; wait "$watchdog" 2>/dev/null; }
 
 # Polls (up to 20 s) until stderr holds the interrupt notice.
@@ -39,6 +52,7 @@ mkfifo in.fifo
 start sff unpack in.fifo out.sff
 exec 3>in.fifo
 head -c 100 "$input" >&3            # the command reads this much, then waits
+wait_for_handler
 sleep 0.2
 kill -INT "$pid"
 wait_for_notice
@@ -52,7 +66,7 @@ grep -q "^kel: interrupted$" err || fail "no 'kel: interrupted' line"
 
 # 2. Nothing to interrupt yet: the second Ctrl-C ends the process.
 start sff dump in.fifo
-sleep 0.2
+wait_for_handler
 kill -INT "$pid"
 wait_for_notice
 kill -INT "$pid"

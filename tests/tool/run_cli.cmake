@@ -1,8 +1,13 @@
-# Runs kel with ARGS; passes when the exit code is EXPECT_RC and, for usage
-# errors, stderr is exactly one line. STDERR_MATCH, when set, is a regex that
-# stderr must match. No run may let log4cplus complain about missing appenders.
+# Runs kel with ARGS (and the file INPUT, when set, as stdin); passes when the
+# exit code is EXPECT_RC and, for usage errors, stderr is exactly one line.
+# STDOUT_MATCH and STDERR_MATCH, when set, are regexes the outputs must match.
+# No run may let log4cplus complain about missing appenders.
 set(args ${ARGS})  # arrives as a CMake list
-execute_process(COMMAND ${KEL} ${args} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+set(input "")
+if(DEFINED INPUT)
+  set(input INPUT_FILE ${INPUT})
+endif()
+execute_process(COMMAND ${KEL} ${args} ${input} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
 if(NOT rc STREQUAL EXPECT_RC)
   message(FATAL_ERROR "kel ${ARGS}: exit ${rc}, expected ${EXPECT_RC}\nstdout: ${out}\nstderr: ${err}")
 endif()

@@ -13,6 +13,9 @@ void AddCacheCommands(CLI::App& app);
 void AddPickCommands(CLI::App& app);  // "pick" and "bvh"
 void AddDdsCommands(CLI::App& app);
 void AddTextureCommands(CLI::App& app);
+void AddSrsCommands(CLI::App& app);
 void AddDemoCommands(CLI::App& app);
 void AddBagCommands(CLI::App& app);
 void AddCityCommands(CLI::App& app);
+void AddGeomCommands(CLI::App& app);
+void AddFeatureCommands(CLI::App& app);

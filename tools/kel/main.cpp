@@ -23,7 +23,7 @@ struct Globals {
 };
 
 std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
-  auto app = std::make_unique<CLI::App>("kel: tiles, SFF scene files, textures and picking from the command line",
+  auto app = std::make_unique<CLI::App>("kel: tiles, SFF scene files, textures, picking and coordinate systems from the command line",
                                         "kel");
   app->require_subcommand(1);
   // Global flags may also follow the command words ("kel sff pack A B --verbose").
@@ -37,8 +37,11 @@ std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
   AddPickCommands(*app);
   AddDdsCommands(*app);
   AddTextureCommands(*app);
+  AddSrsCommands(*app);
   AddBagCommands(*app);
+  AddFeatureCommands(*app);
   AddDemoCommands(*app);
+  AddGeomCommands(*app);
   AddCityCommands(*app);
   return app;
 }

@@ -6,11 +6,17 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace cli {
 
 // `pixels` holds height rows of `stride` bytes; channels is 1 (grey) or 4 (RGBA).
 void WritePng(const std::string& path, const std::uint8_t* pixels, std::uint32_t width, std::uint32_t height,
               std::size_t stride, int channels);
+
+// The same picture as PNG bytes in memory, for writers that go through
+// kel::AtomicFile. Throws std::runtime_error when libpng fails.
+std::vector<std::uint8_t> EncodePng(const std::uint8_t* pixels, std::uint32_t width, std::uint32_t height,
+                                    std::size_t stride, int channels);
 
 }  // namespace cli

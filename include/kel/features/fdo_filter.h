@@ -27,6 +27,7 @@
 
 namespace kel {
 
+class GeometryBuffer;
 class FdoExpression;
 class FdoFilter;
 class FdoExpressionVisitor;
@@ -323,9 +324,14 @@ public:
   // geometryProperty ENVELOPEINTERSECTS the box: features whose bounding box
   // touches the box (edges count). Null for an empty or non-finite box.
   static FdoFilterPtr CreateFdoSpatialExtentFilter(const std::wstring& geometryProperty, const BBox<2, double>& box);
+  // geometryProperty <operation> the geometry, kept as its WKT. Null (and a
+  // logged error) when the geometry has no WKT (empty, or refused by GEOS).
+  static FdoFilterPtr CreateFdoSpatialGeometryFilter(const std::wstring& geometryProperty,
+                                                     const GeometryBuffer& geometry, FdoSpatialOperation operation);
 
-  // Reads the text form. On failure returns null, logs "Filter does not
-  // parse at offset N: ..." and, when `error` is given, fills it. Trees
+  // Reads the text form. On failure returns null and fills `error`, or,
+  // when the caller gives none, logs "Filter does not parse at offset N:
+  // ..." instead. Trees
   // taller than MaxDepth (a chain of 100 ORs is that tall) and brackets
   // nested deeper than twice that are refused, so hostile text cannot
   // exhaust the stack of the reader or of later walks over the tree.

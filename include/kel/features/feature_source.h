@@ -13,7 +13,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,6 +21,8 @@
 #include "kel/export.h"
 #include "kel/features/fdo_filter.h"
 #include "kel/features/feature_class.h"
+#include "kel/geometry/geometry_buffer.h"
+#include "kel/settings/property_bag.h"
 
 namespace kel {
 
@@ -37,8 +38,14 @@ struct FeatureValue {
 struct Feature {
   std::int64_t id = 0;
   // One value per property of the class, in the definition's order; the
-  // identity and geometry entries stay null (see `id`).
+  // identity and geometry entries stay null (see `id` and `geometry`).
   std::vector<FeatureValue> values;
+  // The default geometry (FeatureClassDefinition::defaultGeometryProperty),
+  // null when the feature has none. Curves arrive flattened; Z is kept, M
+  // dropped. A reader draws the next feature into the same buffer unless the
+  // caller still holds a copy of this pointer, so keeping a geometry costs
+  // no copy and never sees it change.
+  std::shared_ptr<GeometryBuffer> geometry;
 };
 
 class KEL_API FeatureReader {
@@ -51,10 +58,12 @@ public:
   // reused from feature to feature.
   virtual const Feature& feature() const = 0;
   virtual const FeatureClassDefinition& definition() const = 0;
-  // Property name to the value as text: integers in decimal, doubles in the
-  // shortest form that reads back the same, booleans "true"/"false",
-  // binaries in hexadecimal; null values are left out.
-  std::map<std::wstring, std::wstring> attributes() const;
+  // The attributes as a bag: property name to the value as text, integers
+  // in decimal, doubles in the shortest form that reads back the same (so
+  // PropertyBag::GetValue returns them exactly), booleans "true"/"false",
+  // binaries in hexadecimal. The identity, geometries and null values are
+  // left out.
+  PropertyBag attributes() const;
 };
 
 using FeatureReaderPtr = std::unique_ptr<FeatureReader>;
@@ -73,6 +82,10 @@ public:
   std::vector<FeatureClassDefinition> GetClasses() const;
   // False when the store has no class of that name.
   bool DescribeClass(const std::wstring& className, FeatureClassDefinition& out) const;
+  // How many features the class has, when the store knows without reading
+  // them all (GeoPackage, PostGIS, Shapefile); -1 otherwise or for an
+  // unknown class.
+  std::int64_t GetFeatureCount(const std::wstring& className) const;
   // The features of the class that match `filter` (null: every feature), in
   // the store's order. Null for an unknown class, a filter that names
   // properties the class does not have, or a store that refuses the query.

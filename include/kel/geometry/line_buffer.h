@@ -90,6 +90,8 @@ public:
     ++contours_.back().count;
     AppendPoint(x, y, z);
   }
+  // LineTo for n points given as x, y, z triples, in one go.
+  void LineToMany(const double* xyz, int n);
   // Appends the contour's start point unless the contour already ends on it
   // (x, y and z equal), so closing twice never doubles the closing point.
   void Close();

@@ -8,6 +8,7 @@
 // here logs or throws (besides std::bad_alloc); caller mistakes are asserts.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <memory>
 
@@ -39,10 +40,17 @@ struct alignas(16) ray {
   float invDirection[4];
 };
 
-// A ray from (ox, oy, oz) along (dx, dy, dz) with invDirection filled in. A
-// zero direction component gives an infinite inverse, which the slab test
-// expects; the spare lanes stay 0.
+// A ray from (ox, oy, oz) along (dx, dy, dz) scaled to unit length, so hit
+// distances are in model units, with invDirection filled in. A zero or
+// non-finite direction is kept as given. A zero component gives an infinite
+// inverse, which the slab test expects; the spare lanes stay 0.
 inline ray MakeRay(float ox, float oy, float oz, float dx, float dy, float dz) {
+  const double len = std::sqrt(double(dx) * dx + double(dy) * dy + double(dz) * dz);
+  if (len > 0.0 && std::isfinite(len)) {
+    dx = float(dx / len);
+    dy = float(dy / len);
+    dz = float(dz / len);
+  }
   ray r{};
   r.origin[0] = ox, r.origin[1] = oy, r.origin[2] = oz;
   r.direction[0] = dx, r.direction[1] = dy, r.direction[2] = dz;

@@ -13,6 +13,10 @@
 // first such triangles reuse the soup's first vertices. Vertices are used as
 // stored (materials and transforms are ignored).
 //
+// Beside the tree it builds a pick index (pick_index.h) over the same
+// triangles: pick() and heightAt() answer through it, faster than the
+// tree's exact walk and watertight (rays through shared edges hit).
+//
 // Safe on hostile files: nothing throws. An unreadable file leaves the
 // object invalid (the reader's message is logged as an error); triangles
 // whose indices lie outside the soup are dropped with one warning per file;
@@ -20,19 +24,17 @@
 // appended once, also when "C" nodes nest around it).
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
 #include "kel/export.h"
+#include "kel/spatial/pick_index.h"
 
 namespace kel {
 
 class sff_input_stream;
-
-namespace fdo {
-class bvh;
-class bvh_primitive_intersector;
-}  // namespace fdo
 
 class KEL_API SFF2BVH {
 public:
@@ -47,12 +49,32 @@ public:
   // run concurrently.
   std::shared_ptr<fdo::bvh> getBVH() const { return tree_; }
   std::shared_ptr<fdo::bvh_primitive_intersector> getIntersector() const { return intersector_; }
+  // The fast query structure over the same triangles; null unless valid().
+  std::shared_ptr<const fdo::pick_index> getPickIndex() const { return pick_; }
+
+  // Nearest hit through the pick index (see pick_index::intersect); io is
+  // left alone when nothing is nearer or the object is not valid.
+  void pick(fdo::hit& io, const fdo::ray& r, float* uv = nullptr) const;
+  // The same for rays[0 .. n) into io[0 .. n), over OpenMP threads.
+  void pick(fdo::hit* io, const fdo::ray* rays, std::size_t n) const;
+  // Height of the highest surface under (x, y); false when there is none.
+  bool heightAt(float x, float y, float& z, std::uint32_t* primitive = nullptr) const;
+
+  // Where construction spent its time, in seconds.
+  struct timings {
+    double read = 0;   // the file into the triangle soup
+    double tree = 0;   // the bvh
+    double index = 0;  // the pick index
+  };
+  const timings& getTimings() const { return timings_; }
 
 private:
   void load(sff_input_stream& source, const std::wstring& name);
 
   std::shared_ptr<fdo::bvh> tree_;
   std::shared_ptr<fdo::bvh_primitive_intersector> intersector_;
+  std::shared_ptr<const fdo::pick_index> pick_;
+  timings timings_;
 };
 
 }  // namespace kel

@@ -532,16 +532,13 @@ inline void EncodeBlockPair(const std::uint8_t* const rowsA[4], const std::uint8
 
 // 5:6:5 to 8 bits: shift up and fill the vacated bits with ones when the
 // field's lowest bit is set (the library's own expansion, not replication).
-inline unsigned Expand5(unsigned v) { return (v << 3) | ((v & 1) ? 7 : 0); }
-inline unsigned Expand6(unsigned v) { return (v << 2) | ((v & 1) ? 3 : 0); }
+inline unsigned Expand5(unsigned v) { return (v << 3) | ((v & 1) * 7); }
+inline unsigned Expand6(unsigned v) { return (v << 2) | ((v & 1) * 3); }
 
-// Decodes one block into 4 rows of 4 pixels at `out` + row * `stride`. Pixels
-// are written as little-endian words with red at byte 0 (`bgra` false) or
-// byte 2; alpha at byte 3. `in` holds 8 bytes (DXT1) or 16 (DXT5).
-inline void DecodeBlock(const std::uint8_t* in, bool dxt5, bool bgra, std::uint8_t* out, std::size_t stride) {
-  const std::uint8_t* colour = dxt5 ? in + 8 : in;
+// Colour palette of a block as four pixel words (alpha byte 0 for DXT5,
+// whose alpha comes from its alpha block). `colour` is the 8-byte colour half.
+inline void DecodePalette(const std::uint8_t* colour, bool dxt5, bool bgra, std::uint32_t pal[4]) {
   const unsigned c0 = colour[0] | (colour[1] << 8), c1 = colour[2] | (colour[3] << 8);
-  const std::uint32_t idx = colour[4] | (colour[5] << 8) | (colour[6] << 16) | (std::uint32_t{colour[7]} << 24);
   const unsigned rs = bgra ? 16 : 0, bs = bgra ? 0 : 16;
   unsigned e[2][3];
   for (int k = 0; k < 2; ++k) {
@@ -553,8 +550,7 @@ inline void DecodeBlock(const std::uint8_t* in, bool dxt5, bool bgra, std::uint8
   auto word = [&](unsigned r, unsigned g, unsigned b, unsigned a) -> std::uint32_t {
     return (r << rs) | (g << 8) | (b << bs) | (a << 24);
   };
-  const unsigned opaque = dxt5 ? 0u : 255u;  // DXT5 alpha comes from the alpha block
-  std::uint32_t pal[4];
+  const unsigned opaque = dxt5 ? 0u : 255u;
   pal[0] = word(e[0][0], e[0][1], e[0][2], opaque);
   pal[1] = word(e[1][0], e[1][1], e[1][2], opaque);
   if (!dxt5 && c0 <= c1) {
@@ -564,36 +560,181 @@ inline void DecodeBlock(const std::uint8_t* in, bool dxt5, bool bgra, std::uint8
     pal[2] = word((2 * e[0][0] + e[1][0]) / 3, (2 * e[0][1] + e[1][1]) / 3, (2 * e[0][2] + e[1][2]) / 3, opaque);
     pal[3] = word((e[0][0] + 2 * e[1][0]) / 3, (e[0][1] + 2 * e[1][1]) / 3, (e[0][2] + 2 * e[1][2]) / 3, opaque);
   }
-  if (!dxt5) {
-    for (int row = 0; row < 4; ++row) {
-      std::uint32_t px[4];
-      for (int i = 0; i < 4; ++i) px[i] = pal[(idx >> (8 * row + 2 * i)) & 3];
-      std::memcpy(out + row * stride, px, 16);
-    }
-    return;
-  }
-  // Alpha: a0 >= a1 (greater or equal) selects the eight-value palette.
+}
+
+// Alpha palette of a DXT5 block: a0 >= a1 (greater or equal) selects the
+// eight-value palette, else the six-value one with 0 and 255.
+inline void DecodeAlphaPalette(const std::uint8_t* in, std::uint8_t apal[8]) {
   const unsigned a0 = in[0], a1 = in[1];
-  std::uint32_t apal[8];
-  apal[0] = a0 << 24;
-  apal[1] = a1 << 24;
+  apal[0] = static_cast<std::uint8_t>(a0);
+  apal[1] = static_cast<std::uint8_t>(a1);
   if (a0 >= a1) {
-    for (unsigned k = 1; k <= 6; ++k) apal[1 + k] = (((7 - k) * a0 + k * a1) / 7) << 24;
+    for (unsigned k = 1; k <= 6; ++k) apal[1 + k] = static_cast<std::uint8_t>(((7 - k) * a0 + k * a1) / 7);
   } else {
-    for (unsigned k = 1; k <= 4; ++k) apal[1 + k] = (((5 - k) * a0 + k * a1) / 5) << 24;
+    for (unsigned k = 1; k <= 4; ++k) apal[1 + k] = static_cast<std::uint8_t>(((5 - k) * a0 + k * a1) / 5);
     apal[6] = 0;
-    apal[7] = 255u << 24;
+    apal[7] = 255;
   }
+}
+
+// The 48 index bits of a DXT5 alpha block, pixel i at bit 3i.
+inline std::uint64_t AlphaBits(const std::uint8_t* in) {
+  std::uint64_t bits = 0;
+  std::memcpy(&bits, in + 2, 6);  // little-endian
+  return bits;
+}
+
+// Decodes one block into 4 rows of 4 pixels at `out` + row * `stride`. Pixels
+// are written as little-endian words with red at byte 0 (`bgra` false) or
+// byte 2; alpha at byte 3. `in` holds 8 bytes (DXT1) or 16 (DXT5).
+inline void DecodeBlockScalar(const std::uint8_t* in, bool dxt5, bool bgra, std::uint8_t* out, std::size_t stride) {
+  std::uint32_t pal[4];
+  DecodePalette(dxt5 ? in + 8 : in, dxt5, bgra, pal);
+  const std::uint8_t* colour = dxt5 ? in + 8 : in;
+  const std::uint32_t idx = colour[4] | (colour[5] << 8) | (colour[6] << 16) | (std::uint32_t{colour[7]} << 24);
+  std::uint8_t apal[8] = {};
   std::uint64_t abits = 0;
-  for (int b = 0; b < 6; ++b) abits |= std::uint64_t{in[2 + b]} << (8 * b);
+  if (dxt5) {
+    DecodeAlphaPalette(in, apal);
+    abits = AlphaBits(in);
+  }
   for (int row = 0; row < 4; ++row) {
     std::uint32_t px[4];
     for (int i = 0; i < 4; ++i) {
       const int n = 4 * row + i;
-      px[i] = pal[(idx >> (2 * n)) & 3] | apal[(abits >> (3 * n)) & 7];
+      px[i] = pal[(idx >> (2 * n)) & 3];
+      if (dxt5) px[i] |= std::uint32_t{apal[(abits >> (3 * n)) & 7]} << 24;
     }
     std::memcpy(out + row * stride, px, 16);
   }
+}
+
+#if KEL_DXT_SSE2
+// The palette of DecodePalette as one vector of four pixel words, computed in
+// 16-bit lanes: both endpoints widened at once (shift into place, then fill
+// the low bits with ones where the field's lowest bit is set), the two thirds
+// as (2a + b) * 21846 >> 16, which is exact division by 3 up to 765.
+inline __m128i DecodePaletteSse2(const std::uint8_t* colour, bool dxt5, bool bgra) {
+  const unsigned c0 = colour[0] | (colour[1] << 8), c1 = colour[2] | (colour[3] << 8);
+  // Lanes 0-2 and 4-6: the channels in output byte order (r, g, b or b, g, r).
+  const __m128i c = _mm_unpacklo_epi64(_mm_set1_epi16(static_cast<short>(c0)), _mm_set1_epi16(static_cast<short>(c1)));
+  const __m128i field = bgra ? _mm_setr_epi16(0x001F, 0x07E0, static_cast<short>(0xF800), 0, 0x001F, 0x07E0, static_cast<short>(0xF800), 0)
+                             : _mm_setr_epi16(static_cast<short>(0xF800), 0x07E0, 0x001F, 0, static_cast<short>(0xF800), 0x07E0, 0x001F, 0);
+  const __m128i x = _mm_and_si128(c, field);
+  // Red and green move down (high half of a product), blue moves up (low half).
+  const __m128i down = bgra ? _mm_setr_epi16(0, 1 << 13, 1 << 8, 0, 0, 1 << 13, 1 << 8, 0)
+                            : _mm_setr_epi16(1 << 8, 1 << 13, 0, 0, 1 << 8, 1 << 13, 0, 0);
+  const __m128i up = bgra ? _mm_setr_epi16(8, 0, 0, 0, 8, 0, 0, 0) : _mm_setr_epi16(0, 0, 8, 0, 0, 0, 8, 0);
+  __m128i e = _mm_or_si128(_mm_mulhi_epu16(x, down), _mm_mullo_epi16(x, up));
+  // The field's lowest bit sits at bit 3 (5-bit fields) or bit 2 (green).
+  const __m128i low = _mm_setr_epi16(8, 4, 8, 0, 8, 4, 8, 0);
+  const __m128i fill = _mm_setr_epi16(7, 3, 7, 0, 7, 3, 7, 0);
+  e = _mm_or_si128(e, _mm_and_si128(_mm_cmpeq_epi16(_mm_and_si128(e, low), low), fill));
+  const __m128i swapped = _mm_shuffle_epi32(e, _MM_SHUFFLE(1, 0, 3, 2));  // [e1 | e0]
+  __m128i mid;
+  const bool threeColour = !dxt5 && c0 <= c1;
+  if (threeColour) {
+    // Entry 2 the mean, entry 3 transparent black.
+    mid = _mm_srli_epi16(_mm_add_epi16(e, swapped), 1);
+    mid = _mm_unpacklo_epi64(mid, _mm_setzero_si128());
+  } else {
+    mid = _mm_mulhi_epu16(_mm_add_epi16(_mm_add_epi16(e, e), swapped), _mm_set1_epi16(21846));
+  }
+  __m128i pal = _mm_packus_epi16(e, mid);
+  if (!dxt5) {
+    const __m128i opaque = threeColour ? _mm_setr_epi32(-16777216, -16777216, -16777216, 0) : _mm_set1_epi32(-16777216);
+    pal = _mm_or_si128(pal, opaque);
+  }
+  return pal;
+}
+
+// Rows of four pixels as vectors: each 2-bit index picks its palette word by
+// compare and select (the selects are exclusive, so xor-ing the differences
+// to entry 0 in is a blend). The four indices of a row are shifted apart in
+// one 16-bit multiply: lane j holds the row's byte shifted left by 6 - 2j.
+// The alpha of a DXT5 block's 16 pixels, in the top byte of four rows of
+// pixel words. No table: each pixel's alpha is computed from its 3-bit index
+// k as (w0 * a0 + w1 * a1) / d in 16-bit lanes, with the weights following
+// from k (eight values: d 7, weights (7, 0), (0, 7), then (8 - k, k - 1);
+// six values: d 5, the same up to k 5, then 0 and 255) and the division a
+// multiply by ceil(65536 / d), exact for every sum that can occur (<= 1785).
+struct AlphaRows {
+  __m128i row[4];
+};
+
+inline AlphaRows DecodeAlphaSse2(const std::uint8_t* in) {
+  const unsigned a0 = in[0], a1 = in[1];
+  // The 6 index bytes and 2 colour bytes after them, in one load (a 6-byte
+  // copy through memory stalls store forwarding); no index reaches the
+  // colour bytes. 16-bit lanes l_i = byte i | byte i+1 << 8: lanes 0-2 hold
+  // the index bits of pixels 0-7, lanes 3-5 those of pixels 8-15.
+  const __m128i x = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in + 2));
+  const __m128i l = _mm_unpacklo_epi8(x, _mm_srli_si128(x, 1));
+  auto spread = [](__m128i w) {  // [w0 w0 w0 w1 w1 w1 w2 w2]
+    const __m128i both = _mm_unpacklo_epi64(w, w);
+    return _mm_shufflehi_epi16(_mm_shufflelo_epi16(both, _MM_SHUFFLE(1, 0, 0, 0)), _MM_SHUFFLE(2, 2, 1, 1));
+  };
+  // Pixel j's bits start at bit 3j mod 8 of its lane: shift them to the top, then down.
+  const __m128i align = _mm_setr_epi16(8192, 1024, 128, 4096, 512, 64, 2048, 256);
+  const __m128i k[2] = {_mm_srli_epi16(_mm_mullo_epi16(spread(l), align), 13),
+                        _mm_srli_epi16(_mm_mullo_epi16(spread(_mm_srli_si128(l, 6)), align), 13)};
+  const bool eight = a0 >= a1;
+  const __m128i d = _mm_set1_epi16(eight ? 7 : 5);
+  const __m128i va0 = _mm_set1_epi16(static_cast<short>(a0)), va1 = _mm_set1_epi16(static_cast<short>(a1));
+  const __m128i reciprocal = _mm_set1_epi16(static_cast<short>(eight ? 9363 : 13108));
+  const __m128i zero = _mm_setzero_si128(), one = _mm_set1_epi16(1);
+  AlphaRows out;
+  for (int h = 0; h < 2; ++h) {
+    const __m128i eq0 = _mm_cmpeq_epi16(k[h], zero), eq1 = _mm_cmpeq_epi16(k[h], one);
+    // w1: 0 for k 0, d for k 1, k - 1 otherwise; w0 = d - w1.
+    __m128i w1 = _mm_add_epi16(_mm_sub_epi16(_mm_sub_epi16(k[h], one), eq0), _mm_and_si128(eq1, d));
+    __m128i w0 = _mm_sub_epi16(d, w1);
+    __m128i top = zero;
+    if (!eight) {
+      const __m128i high = _mm_cmpgt_epi16(k[h], _mm_set1_epi16(5));  // 6 and 7: 0 and 255
+      w0 = _mm_andnot_si128(high, w0);
+      w1 = _mm_andnot_si128(high, w1);
+      top = _mm_and_si128(_mm_cmpeq_epi16(k[h], _mm_set1_epi16(7)), _mm_set1_epi16(255));
+    }
+    const __m128i sum = _mm_add_epi16(_mm_mullo_epi16(w0, va0), _mm_mullo_epi16(w1, va1));
+    const __m128i alpha = _mm_slli_epi16(_mm_or_si128(_mm_mulhi_epu16(sum, reciprocal), top), 8);
+    out.row[2 * h] = _mm_unpacklo_epi16(zero, alpha);
+    out.row[2 * h + 1] = _mm_unpackhi_epi16(zero, alpha);
+  }
+  return out;
+}
+
+inline void DecodeBlockSse2(const std::uint8_t* in, bool dxt5, bool bgra, std::uint8_t* out, std::size_t stride) {
+  const std::uint8_t* colour = dxt5 ? in + 8 : in;
+  const __m128i pal = DecodePaletteSse2(colour, dxt5, bgra);
+  std::uint32_t idx;
+  std::memcpy(&idx, colour + 4, 4);
+  const __m128i p0 = _mm_shuffle_epi32(pal, 0x00);
+  const __m128i d1 = _mm_xor_si128(p0, _mm_shuffle_epi32(pal, 0x55));
+  const __m128i d2 = _mm_xor_si128(p0, _mm_shuffle_epi32(pal, 0xAA));
+  const __m128i d3 = _mm_xor_si128(p0, _mm_shuffle_epi32(pal, 0xFF));
+  const __m128i scale = _mm_setr_epi32(64, 16, 4, 1);
+  const __m128i one = _mm_set1_epi32(1), two = _mm_set1_epi32(2), three = _mm_set1_epi32(3);
+  AlphaRows alpha;
+  if (dxt5) alpha = DecodeAlphaSse2(in);
+  for (int row = 0; row < 4; ++row) {
+    const __m128i b = _mm_set1_epi32(static_cast<int>((idx >> (8 * row)) & 0xFF));
+    const __m128i k = _mm_and_si128(_mm_srli_epi32(_mm_mullo_epi16(b, scale), 6), three);
+    __m128i px = _mm_xor_si128(p0, _mm_and_si128(_mm_cmpeq_epi32(k, one), d1));
+    px = _mm_xor_si128(px, _mm_and_si128(_mm_cmpeq_epi32(k, two), d2));
+    px = _mm_xor_si128(px, _mm_and_si128(_mm_cmpeq_epi32(k, three), d3));
+    if (dxt5) px = _mm_or_si128(px, alpha.row[row]);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + row * stride), px);
+  }
+}
+#endif
+
+inline void DecodeBlock(const std::uint8_t* in, bool dxt5, bool bgra, std::uint8_t* out, std::size_t stride) {
+#if KEL_DXT_SSE2
+  DecodeBlockSse2(in, dxt5, bgra, out, stride);
+#else
+  DecodeBlockScalar(in, dxt5, bgra, out, stride);
+#endif
 }
 
 }  // namespace kel::detail

@@ -1,5 +1,5 @@
 // The library's own coordinate-system codes and what they stand for. The
-// inline helpers are pure arithmetic on text and numbers.
+// inline helpers are pure text and arithmetic (tests call them directly).
 //
 //   "LL84"                  EPSG:4326    "WGS84.PseudoMercator"  EPSG:3857
 //   "UTM84-<1..60><N|S>"    EPSG:326zz (N) and EPSG:327zz (S)
@@ -19,11 +19,60 @@
 
 namespace kel::detail {
 
+inline constexpr int kUtm83Zones = 23;
+inline constexpr int kUtm27Zones = 22;
+
+// A zone number without sign or leading zero, within [1, last]; 0 otherwise.
+inline int ParseZone(std::wstring_view digits, int last) {
+  if (digits.empty() || digits.size() > 2 || digits[0] == L'0') return 0;
+  int zone = 0;
+  for (wchar_t c : digits) {
+    if (c < L'0' || c > L'9') return 0;
+    zone = zone * 10 + (c - L'0');
+  }
+  return zone <= last ? zone : 0;
+}
+
 // The EPSG number behind a library code, 0 when `code` is not one (the
 // non-earth codes have none).
-int EpsgOfLibraryCode(std::wstring_view code);
+inline int EpsgOfLibraryCode(std::wstring_view code) {
+  if (code == L"LL84") return 4326;
+  if (code == L"LL83") return 4269;
+  if (code == L"LL27") return 4267;
+  if (code == L"WGS84.PseudoMercator") return 3857;
+  const std::wstring_view prefix = code.substr(0, 6);
+  if (prefix == L"UTM84-" && code.size() > 7) {
+    const wchar_t hemisphere = code.back();
+    if (hemisphere != L'N' && hemisphere != L'S') return 0;
+    const int zone = ParseZone(code.substr(6, code.size() - 7), 60);
+    return zone == 0 ? 0 : (hemisphere == L'N' ? 32600 : 32700) + zone;
+  }
+  if (prefix == L"UTM83-") {
+    const int zone = ParseZone(code.substr(6), kUtm83Zones);
+    return zone == 0 ? 0 : 26900 + zone;
+  }
+  if (prefix == L"UTM27-") {
+    const int zone = ParseZone(code.substr(6), kUtm27Zones);
+    return zone == 0 ? 0 : 26700 + zone;
+  }
+  return 0;
+}
+
 // The library code of an EPSG number, "" when the table has none.
-std::wstring LibraryCodeOfEpsg(int epsg);
+inline std::wstring LibraryCodeOfEpsg(int epsg) {
+  switch (epsg) {
+    case 4326: return L"LL84";
+    case 4269: return L"LL83";
+    case 4267: return L"LL27";
+    case 3857: return L"WGS84.PseudoMercator";
+    default: break;
+  }
+  if (epsg > 32600 && epsg <= 32660) return L"UTM84-" + std::to_wstring(epsg - 32600) + L"N";
+  if (epsg > 32700 && epsg <= 32760) return L"UTM84-" + std::to_wstring(epsg - 32700) + L"S";
+  if (epsg > 26900 && epsg <= 26900 + kUtm83Zones) return L"UTM83-" + std::to_wstring(epsg - 26900);
+  if (epsg > 26700 && epsg <= 26700 + kUtm27Zones) return L"UTM27-" + std::to_wstring(epsg - 26700);
+  return {};
+}
 
 // WKT of the engineering system behind "NERTH" or "NERTH-SRT", else null.
 // Its name is the catalogue's description.

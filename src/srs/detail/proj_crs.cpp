@@ -26,6 +26,21 @@ bool SplitAuthCode(const std::string& s, std::string& auth, std::string& code) {
   return true;
 }
 
+// WKT ("KEYWORD[" or "KEYWORD("), PROJJSON ("{") or an OGC URN ("urn:").
+bool LooksLikeDefinition(const std::string& text, std::size_t first) {
+  if (text[first] == '{') return true;
+  if (text.size() - first >= 4) {
+    std::string head = text.substr(first, 4);
+    for (char& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (head == "urn:") return true;
+  }
+  std::size_t i = first;
+  while (i < text.size() && (std::isalnum(static_cast<unsigned char>(text[i])) || text[i] == '_')) ++i;
+  if (i == first) return false;
+  while (i < text.size() && (text[i] == ' ' || text[i] == '\t' || text[i] == '\r' || text[i] == '\n')) ++i;
+  return i < text.size() && (text[i] == '[' || text[i] == '(');
+}
+
 PjPtr FromDatabase(PJ_CONTEXT* ctx, const std::string& auth, const std::string& code) {
   return PjPtr(proj_create_from_database(ctx, auth.c_str(), code.c_str(), PJ_CATEGORY_CRS, 0, nullptr));
 }
@@ -68,6 +83,12 @@ PjPtr CrsFromDefinition(PJ_CONTEXT* ctx, const std::wstring& s, std::wstring& er
     return nullptr;
   }
   const bool projString = text[first] == '+' || text.compare(first, 5, "proj=") == 0;
+  if (!projString && !LooksLikeDefinition(text, first)) {
+    // PROJ would also look the text up as an object name in its database:
+    // slow (a second for a miss) and ambiguous, so names are not taken.
+    error = L"neither a known code nor a WKT, PROJJSON or PROJ definition";
+    return nullptr;
+  }
   if (projString && text.find("type=crs") == std::string::npos) text += " +type=crs";
   PjPtr crs(proj_create(ctx, text.c_str()));
   if (!crs) {
@@ -85,8 +106,11 @@ PjPtr MakeCrs(PJ_CONTEXT* ctx, const std::wstring& s, bool& fromDefinition, std:
   ClearProjError(ctx);
   fromDefinition = false;
   if (PjPtr crs = CrsFromCode(ctx, s)) return crs;
+  const std::wstring codeError = TakeProjError(ctx, L"");  // "AUTH:CODE" not in the database
   fromDefinition = true;
-  return CrsFromDefinition(ctx, s, error);
+  PjPtr crs = CrsFromDefinition(ctx, s, error);
+  if (!crs && !codeError.empty()) error = codeError;
+  return crs;
 }
 
 std::wstring OwnCode(PJ_CONTEXT* ctx, PJ* crs) {

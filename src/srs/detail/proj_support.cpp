@@ -98,7 +98,7 @@ PJ_CONTEXT* MasterContext() { return TheMaster().ctx; }
 
 PJ_CONTEXT* ThreadContext() { return Thread().context(); }
 
-std::wstring TakeProjError(PJ_CONTEXT* ctx) {
+std::wstring TakeProjError(PJ_CONTEXT* ctx, const wchar_t* silent) {
   std::string text;
   if (ContextLog* log = LogOf(ctx)) text.swap(log->last);
   const int err = proj_context_errno(ctx);
@@ -107,7 +107,7 @@ std::wstring TakeProjError(PJ_CONTEXT* ctx) {
     if (s != nullptr) text = s;
   }
   ClearProjError(ctx);
-  return text.empty() ? L"unknown PROJ error" : Utf8String2WString(text);
+  return text.empty() ? std::wstring(silent) : Utf8String2WString(text);
 }
 
 void ClearProjError(PJ_CONTEXT* ctx) {

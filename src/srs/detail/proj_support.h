@@ -30,9 +30,9 @@ PJ_CONTEXT* MasterContext();
 PJ_CONTEXT* ThreadContext();
 
 // PROJ's account of the last failure on `ctx`: the last error it logged, else
-// the text of its error number, else "unknown PROJ error". Clears both, so
-// the next failure is reported on its own.
-std::wstring TakeProjError(PJ_CONTEXT* ctx);
+// the text of its error number, else `silent` (for calls that fail without a
+// word). Clears both, so the next failure is reported on its own.
+std::wstring TakeProjError(PJ_CONTEXT* ctx, const wchar_t* silent = L"unknown PROJ error");
 // Forgets an earlier failure on `ctx` before a call whose failure is checked.
 void ClearProjError(PJ_CONTEXT* ctx);
 

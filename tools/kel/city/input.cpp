@@ -106,15 +106,15 @@ LoadedInput ReadFootprints(const InputOptions& o, kel::Progress& progress) {
 
   auto reader = source->Select(def.name, filter);
   if (!reader) throw InputError("cannot read class '" + Narrow(def.name) + "' of " + o.source + " (see the log)");
-  kel::GeometryBuffer g(0, kel::FdoDimensionality_XY, false);
   while (reader->ReadNext()) {
     ++report.features;
     if (report.features % 1024 == 0 && !progress.updateValue(0)) break;
     const kel::Feature& f = reader->feature();
-    if (!reader->geometry(g)) {
+    if (!f.geometry || f.geometry->empty()) {
       ++report.noGeometry;
       continue;
     }
+    const kel::GeometryBuffer& g = *f.geometry;
     SourceBuilding b;
     b.id = f.id;
     for (int k = 0; k < g.geometryCount(); ++k) {

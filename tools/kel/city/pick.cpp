@@ -119,7 +119,7 @@ PickResult CityCache::pickIn(const Tile& tile, double x, double y) const {
   const double top = description_.extent.max.z() + 10;
   const kel::fdo::ray ray = kel::fdo::MakeRay(float(x), float(y), float(top), 0, 0, -1);
   kel::fdo::hit h{~0u, FLT_MAX};
-  tile.tree->getBVH()->intersect(h, ray, *tile.tree->getIntersector());
+  tile.tree->pick(h, ray);  // the pick index: watertight, so no ray slips between two roof triangles
   if (h.primitive == ~0u) return out;
   out.hit = true;
   out.triangle = h.primitive;

@@ -1,6 +1,7 @@
 // Answers from a finished city cache: the height of ground or roof under a
 // point, by finding the full-detail tile through the tile set and the cache
-// layout and shooting a ray straight down at its triangles (SFF2BVH); and
+// layout and shooting a ray straight down at its triangles (SFF2BVH's pick
+// index); and
 // a heightmap picture of the whole city drawn the same way.
 #pragma once
 
