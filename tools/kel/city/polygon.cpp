@@ -6,7 +6,7 @@
 #include <map>
 #include <utility>
 
-#include <geos_c.h>
+#include "city/geos_util.h"
 
 namespace city {
 namespace {
@@ -144,6 +144,14 @@ private:
     return true;
   }
 
+  // Whether the direction from node n to q lies within the outline's
+  // interior angle at n (the outline runs counter-clockwise).
+  bool Opens(std::uint32_t n, const Vec2d& q) const {
+    const Vec2d &a = nodes_[nodes_[n].prev].p, &v = nodes_[n].p, &b = nodes_[nodes_[n].next].p;
+    const bool left = Cross(a, v, q) >= 0, right = Cross(v, b, q) >= 0;
+    return Cross(a, v, b) >= 0 ? left && right : left || right;
+  }
+
   // Joins the hole holding node m (its rightmost point) to the outline.
   bool Bridge(std::uint32_t m) {
     const Vec2d M = nodes_[m].p;
@@ -198,6 +206,14 @@ private:
       } while (n != start_);
       hit = chosen;
     }
+    // Earlier bridges left copies of some points. Of the copies of P, the
+    // bridge must leave the one whose corner opens towards M, or the
+    // outline would cross itself.
+    n = start_;
+    do {
+      if (nodes_[n].p == nodes_[hit].p && n != hit && !Opens(hit, M) && Opens(n, M)) hit = n;
+      n = nodes_[n].next;
+    } while (n != start_);
     // P -> M -> (hole) -> M' -> P' -> P's old next.
     const auto m2 = static_cast<std::uint32_t>(nodes_.size());
     nodes_.push_back(nodes_[m]);
@@ -225,48 +241,35 @@ bool GeosTriangulate(const Polygon& polygon, std::vector<std::uint32_t>& out) {
   GEOSContextHandle_t ctx = GEOS_init_r();
   if (!ctx) return false;
   std::map<std::pair<double, double>, std::uint32_t> indexOf;
-  std::vector<GEOSGeometry*> rings;
   std::uint32_t index = 0;
-  for (const Ring& ring : polygon.rings) {
-    GEOSCoordSequence* seq = GEOSCoordSeq_create_r(ctx, static_cast<unsigned>(ring.size() + 1), 2);
-    for (std::size_t i = 0; i <= ring.size(); ++i) {
-      const Vec2d& p = ring[i % ring.size()];
-      GEOSCoordSeq_setXY_r(ctx, seq, static_cast<unsigned>(i), p.x(), p.y());
-    }
+  for (const Ring& ring : polygon.rings)
     for (const Vec2d& p : ring) indexOf.emplace(std::make_pair(p.x(), p.y()), index++);
-    rings.push_back(GEOSGeom_createLinearRing_r(ctx, seq));
-  }
   bool ok = false;
-  if (std::all_of(rings.begin(), rings.end(), [](GEOSGeometry* g) { return g != nullptr; })) {
-    GEOSGeometry* shape = GEOSGeom_createPolygon_r(ctx, rings[0], rings.data() + 1, static_cast<unsigned>(rings.size() - 1));
-    rings.clear();
-    GEOSGeometry* tin = shape ? GEOSConstrainedDelaunayTriangulation_r(ctx, shape) : nullptr;
-    if (tin) {
-      ok = true;
-      const int n = GEOSGetNumGeometries_r(ctx, tin);
-      for (int t = 0; t < n; ++t) {
-        const GEOSGeometry* ring = GEOSGetExteriorRing_r(ctx, GEOSGetGeometryN_r(ctx, tin, t));
-        const GEOSCoordSequence* seq = ring ? GEOSGeom_getCoordSeq_r(ctx, ring) : nullptr;
-        std::uint32_t tri[3];
-        bool found = seq != nullptr;
-        Vec2d corner[3];
-        for (unsigned i = 0; found && i < 3; ++i) {
-          double x = 0, y = 0;
-          GEOSCoordSeq_getXY_r(ctx, seq, i, &x, &y);
-          const auto it = indexOf.find({x, y});
-          found = it != indexOf.end();
-          if (found) tri[i] = it->second, corner[i] = Vec2d(x, y);
-        }
-        if (!found) continue;  // a point the triangulator added: its triangle is dropped
-        if (Cross(corner[0], corner[1], corner[2]) < 0) std::swap(tri[1], tri[2]);
-        out.insert(out.end(), {tri[0], tri[1], tri[2]});
+  GEOSGeometry* shape = ToGeos(ctx, polygon);
+  GEOSGeometry* tin = shape ? GEOSConstrainedDelaunayTriangulation_r(ctx, shape) : nullptr;
+  if (tin) {
+    ok = true;
+    const int n = GEOSGetNumGeometries_r(ctx, tin);
+    for (int t = 0; t < n; ++t) {
+      const GEOSGeometry* ring = GEOSGetExteriorRing_r(ctx, GEOSGetGeometryN_r(ctx, tin, t));
+      const GEOSCoordSequence* seq = ring ? GEOSGeom_getCoordSeq_r(ctx, ring) : nullptr;
+      std::uint32_t tri[3];
+      Vec2d corner[3];
+      bool found = seq != nullptr;
+      for (unsigned i = 0; found && i < 3; ++i) {
+        double x = 0, y = 0;
+        GEOSCoordSeq_getXY_r(ctx, seq, i, &x, &y);
+        const auto it = indexOf.find({x, y});
+        found = it != indexOf.end();
+        if (found) tri[i] = it->second, corner[i] = Vec2d(x, y);
       }
-      GEOSGeom_destroy_r(ctx, tin);
+      if (!found) continue;  // a point the triangulator added: its triangle is dropped
+      if (Cross(corner[0], corner[1], corner[2]) < 0) std::swap(tri[1], tri[2]);
+      out.insert(out.end(), {tri[0], tri[1], tri[2]});
     }
-    if (shape) GEOSGeom_destroy_r(ctx, shape);
+    GEOSGeom_destroy_r(ctx, tin);
   }
-  for (GEOSGeometry* g : rings)
-    if (g) GEOSGeom_destroy_r(ctx, g);
+  if (shape) GEOSGeom_destroy_r(ctx, shape);
   GEOS_finish_r(ctx);
   return ok;
 }

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <stdexcept>
 
-#include <geos_c.h>
+#include "city/geos_util.h"
 
 #include "city/terrain.h"
 
@@ -19,84 +19,55 @@ bool Finite(const std::vector<Polygon>& parts) {
   return true;
 }
 
-// The polygons GEOS's make-valid turns `p` into; false when GEOS fails.
-bool MakeValid(const Polygon& p, const kel::GeosContextPtr& ctx, std::vector<Polygon>& out) {
-  kel::GeometryBuffer g(0, kel::FdoDimensionality_XY, false);
-  g.SetGeometryType(kel::FdoGeometryType_Polygon);
-  for (const Ring& r : p.rings) {
-    for (std::size_t i = 0; i < r.size(); ++i)
-      i ? g.LineTo(r[i].x(), r[i].y()) : g.MoveTo(r[i].x(), r[i].y());
-    g.Close();
-  }
-  kel::GeosGeometryPtr shape = g.toGeosGeometry(ctx);
-  if (!shape) return false;
-  kel::GeosGeometryPtr fixed(GEOSMakeValid_r(ctx.get(), shape.get()), {ctx});
-  if (!fixed) return false;
-  const auto back = kel::GeometryBuffer::FromGeosGeometry(fixed);
-  if (!back) return false;
-  for (int k = 0; k < back->geometryCount(); ++k) {
-    if (back->geometryElementType(k) != kel::FdoGeometryType_Polygon) continue;  // lines and points of a collapse
-    Polygon q;
-    const int first = back->geometryFirstContour(k);
-    for (int c = first; c < first + back->geometryContourCount(k); ++c) {
-      Ring ring;
-      for (int i = back->contourStart(c); i <= back->contourEnd(c); ++i) ring.emplace_back(back->x(i), back->y(i));
-      DropRepeats(ring);
-      if (ring.size() >= 3) q.rings.push_back(std::move(ring));
-    }
-    if (!q.rings.empty()) out.push_back(std::move(q));
-  }
-  return true;
-}
-
-// Ring clean-up, then validity; invalid parts are repaired. Returns false
-// when nothing with area is left.
-bool Clean(std::vector<Polygon>& parts, const kel::GeosContextPtr& ctx, PrepareReport& report, bool& repaired) {
+// Ring clean-up, then validity; invalid parts are repaired through GEOS's
+// make-valid. Returns false when nothing with area is left.
+bool Clean(std::vector<Polygon>& parts, GEOSContextHandle_t ctx, PrepareReport& report, bool& repaired) {
   constexpr double kMinArea = 0.5;  // square metres: slivers from digitising
   std::vector<Polygon> out;
   for (Polygon& p : parts) {
     Polygon q;
+    bool simple = true;
     for (std::size_t r = 0; r < p.rings.size(); ++r) {
       Ring ring = std::move(p.rings[r]);
       DropRepeats(ring);
-      if (ring.size() < 3 || std::fabs(SignedArea2(ring)) / 2 < kMinArea) {
+      const bool ringSimple = IsSimple(ring);
+      // A self-crossing ring's signed area may cancel out: make-valid judges it.
+      if (ring.size() < 3 || (ringSimple && std::fabs(SignedArea2(ring)) / 2 < kMinArea)) {
         ++report.droppedRings;
         if (r == 0) break;  // without its outer ring a part is gone
         continue;
       }
+      simple = simple && ringSimple;
       q.rings.push_back(std::move(ring));
     }
     if (q.rings.empty()) continue;
-    const bool simple = std::all_of(q.rings.begin(), q.rings.end(), [](const Ring& r) { return IsSimple(r); });
     bool valid = simple;
-    kel::GeosGeometryPtr shape{nullptr, {ctx}};
-    if (simple && q.rings.size() > 1) {
-      // Holes must lie inside and apart: GEOS decides.
-      kel::GeometryBuffer g(0, kel::FdoDimensionality_XY, false);
-      g.SetGeometryType(kel::FdoGeometryType_Polygon);
-      for (const Ring& r : q.rings) {
-        for (std::size_t i = 0; i < r.size(); ++i) i ? g.LineTo(r[i].x(), r[i].y()) : g.MoveTo(r[i].x(), r[i].y());
-        g.Close();
-      }
-      shape = g.toGeosGeometry(ctx);
-      valid = shape && GEOSisValid_r(ctx.get(), shape.get()) == 1;
+    GEOSGeometry* shape = nullptr;
+    if (!simple || q.rings.size() > 1) {
+      // Crossing rings, and holes that must lie inside and apart: GEOS decides.
+      shape = ToGeos(ctx, q);
+      valid = shape && GEOSisValid_r(ctx, shape) == 1;
     }
     if (valid) {
+      if (shape) GEOSGeom_destroy_r(ctx, shape);
       Orient(q);
       out.push_back(std::move(q));
       continue;
     }
     std::vector<Polygon> fixed;
-    if (!MakeValid(q, ctx, fixed)) continue;
-    repaired = true;
+    if (GEOSGeometry* made = shape ? GEOSMakeValid_r(ctx, shape) : nullptr) {
+      FromGeos(ctx, made, fixed);
+      GEOSGeom_destroy_r(ctx, made);
+    }
+    if (shape) GEOSGeom_destroy_r(ctx, shape);
     for (Polygon& f : fixed)
       if (Area(f) >= kMinArea && std::all_of(f.rings.begin(), f.rings.end(), [](const Ring& r) { return IsSimple(r); })) {
         Orient(f);
         out.push_back(std::move(f));
+        repaired = true;
       }
   }
   parts = std::move(out);
-  (void)report;
   return !parts.empty();
 }
 
@@ -167,7 +138,8 @@ PreparedCity Prepare(std::vector<SourceBuilding> in, const std::shared_ptr<kel::
   city.settings.srs = city.srs->GetCode();
   const Vec2d offset(city.settings.offset.x(), city.settings.offset.y());
 
-  const kel::GeosContextPtr ctx = kel::MakeGeosContext();
+  const kel::GeosContextPtr context = kel::MakeGeosContext();
+  GEOSContextHandle_t ctx = context.get();
   BBox<2, double> box;
   for (SourceBuilding& s : finite) {
     if (s.parts.empty()) continue;
