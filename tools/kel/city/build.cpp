@@ -202,7 +202,7 @@ BuildSummary BuildCity(const BuildOptions& o, kel::Progress& root) {
     }
     for (auto& t : pool) t.join();
     const auto sync = Clock::now();
-    SyncFileSystem(o.out);
+    if (o.sync) SyncFileSystem(o.out);
     s.seconds.write += Since(sync);
     if (failure) std::rethrow_exception(failure);
     s.interrupted = stop.load() && done.load() < run.mine.size();

@@ -29,6 +29,7 @@ struct BuildOptions {
   int threads = 0;         // 0: every core
   int shardIndex = 0, shardCount = 1;  // build tiles whose number % count == index
   bool force = false;      // rebuild tiles that are up to date
+  bool sync = true;        // flush the cache's file system once the tiles are written
   int heightmapSize = 1024;  // pixels on the longer side; 0: none
 };
 
