@@ -151,7 +151,10 @@ BuildSummary BuildCity(const BuildOptions& o, kel::Progress& root) {
   // The settings and the description first: a rewritten description is
   // newer than every tile, which makes them all stale.
   WriteModelSettings(o.out, city.settings);
-  WriteDescriptionIfChanged(o.out, plan.description);
+  // Whoever changes the description rebuilds its tiles outright: a tile
+  // written within the file system's time-stamp tick before would otherwise
+  // look as new as the description. Other shards see the change by time.
+  const bool changed = WriteDescriptionIfChanged(o.out, plan.description);
   TileRun run;
   for (std::size_t i = 0; i < plan.tiles.size(); ++i)
     if (int(i % std::size_t(o.shardCount)) == o.shardIndex) run.mine.push_back(plan.tiles[i]);
@@ -165,7 +168,7 @@ BuildSummary BuildCity(const BuildOptions& o, kel::Progress& root) {
   // 4. Tiles, in parallel.
   t0 = Clock::now();
   const TextureLibrary textures(32, 128);
-  TileContext ctx{city, plan, index, textures, o.out, {}, o.terrainQuads, o.zlibLevel, o.force, &root};
+  TileContext ctx{city, plan, index, textures, o.out, {}, o.terrainQuads, o.zlibLevel, o.force || changed, &root};
   ctx.inputs.push_back(Wide(o.out + "/" + kDescriptionFile));
   if (!o.input.source.empty() && fs::is_regular_file(o.input.source)) ctx.inputs.push_back(Wide(o.input.source));
   if (!o.dem.empty()) ctx.inputs.push_back(Wide(o.dem));
