@@ -242,7 +242,21 @@ BuildSummary BuildCity(const BuildOptions& o, kel::Progress& root) {
     t0 = Clock::now();
     kel::Progress stage(L"heightmap", 1000);
     CityCache cache(o.out);
-    const Heightmap map = PickHeightmap(cache, o.heightmapSize, s.threads, stage);
+    // The coarsest level whose thinning, outlines and terrain cells stay
+    // below a pixel or so: the same picture from a fraction of the triangles.
+    const double pixel = std::max(plan.description.extent.max.x() - plan.description.extent.min.x(),
+                                  plan.description.extent.max.y() - plan.description.extent.min.y()) /
+                         o.heightmapSize;
+    int level = plan.leafLevel;
+    while (level > 0) {
+      const int up = level - 1;
+      const double edge = plan.description.tileSize / double(1 << up);
+      if (std::sqrt(MinimumArea(plan, up)) > pixel || GeneralizeTolerance(plan, up) > pixel / 4 ||
+          edge / o.terrainQuads > 4 * pixel)
+        break;
+      level = up;
+    }
+    const Heightmap map = PickHeightmap(cache, o.heightmapSize, s.threads, stage, level);
     s.heightmap = o.out + "/heightmap.png";
     WriteHeightmapPng(map, s.heightmap);
     s.seconds.heightmap = Since(t0);
@@ -296,7 +310,7 @@ std::string FormatSummary(const BuildSummary& s) {
   line("triangles    " + count(s.triangles));
   line("bytes        " + Bytes(s.sffBytes) + " of tiles, " + Bytes(s.ddsBytes) + " of " + count(s.atlases) + " atlases");
   const StageSeconds& t = s.seconds;
-  line("seconds      " + Fixed(s.totalSeconds, 2) + " on " + std::to_string(s.threads) + " threads: read " +
+  line("seconds      " + Fixed(s.totalSeconds, 2) + " on " + std::to_string(s.threads) + (s.threads == 1 ? " thread" : " threads") + ": read " +
        Fixed(t.read, 2) + ", prepare " + Fixed(t.prepare, 2) + ", plan " + Fixed(t.plan, 2) + ", tiles " +
        Fixed(t.tiles, 2) + ", heightmap " + Fixed(t.heightmap, 2));
   const double work = t.geometry + t.textures + t.dxt + t.deflate + t.write;

@@ -151,20 +151,26 @@ void TerrainPatch(const HeightField& field, const BBox<2, double>& region, int q
   Builder b{out, false};
   const int n = quadsX + 1, rows = quadsY + 1;
   const double dx = (region.max.x() - region.min.x()) / quadsX, dy = (region.max.y() - region.min.y()) / quadsY;
+  // Heights on the grid and one cell beyond it, each asked once: the slopes
+  // come from the neighbours (5 samples per vertex otherwise).
+  const int W = n + 2;
+  std::vector<double> z(std::size_t(W) * std::size_t(rows + 2));
+  auto at = [&](int c, int r) -> double& { return z[std::size_t(r + 1) * W + std::size_t(c + 1)]; };
+  // The last row and column sit exactly on the region's edge, so
+  // neighbouring patches meet without a crack.
+  auto xOf = [&](int c) { return c == quadsX ? region.max.x() : region.min.x() + c * dx; };
+  auto yOf = [&](int r) { return r == quadsY ? region.max.y() : region.min.y() + r * dy; };
+  for (int r = -1; r <= rows; ++r)
+    for (int c = -1; c <= n; ++c) at(c, r) = field.height(xOf(c), yOf(r));
   std::vector<std::uint32_t> index(std::size_t(n) * rows, UINT32_MAX);
   for (int r = 0; r < rows; ++r)
     for (int c = 0; c < n; ++c) {
-      // The last row and column sit exactly on the region's edge, so
-      // neighbouring patches meet without a crack.
-      const double x = c == quadsX ? region.max.x() : region.min.x() + c * dx;
-      const double y = r == quadsY ? region.max.y() : region.min.y() + r * dy;
-      const double z = field.height(x, y);
-      if (std::isnan(z)) continue;
-      const double zx0 = field.height(x - dx, y), zx1 = field.height(x + dx, y);
-      const double zy0 = field.height(x, y - dy), zy1 = field.height(x, y + dy);
+      const double h = at(c, r);
+      if (std::isnan(h)) continue;
+      const double zx0 = at(c - 1, r), zx1 = at(c + 1, r), zy0 = at(c, r - 1), zy1 = at(c, r + 1);
       const double gx = (std::isnan(zx0) || std::isnan(zx1)) ? 0 : (zx1 - zx0) / (2 * dx);
       const double gy = (std::isnan(zy0) || std::isnan(zy1)) ? 0 : (zy1 - zy0) / (2 * dy);
-      index[std::size_t(r) * n + c] = b.vertex(Vec3d(x, y, z), Normalized(Vec3d(-gx, -gy, 1)), 0, 0, AtlasRect{});
+      index[std::size_t(r) * n + c] = b.vertex(Vec3d(xOf(c), yOf(r), h), Normalized(Vec3d(-gx, -gy, 1)), 0, 0, AtlasRect{});
     }
   for (int r = 0; r < quadsY; ++r)
     for (int c = 0; c < quadsX; ++c) {

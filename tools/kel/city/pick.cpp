@@ -155,7 +155,7 @@ PickResult CityCache::pick(double x, double y, const std::wstring& srs) {
   return pick(p.x() - settings_.offset.x(), p.y() - settings_.offset.y());
 }
 
-Heightmap PickHeightmap(CityCache& cache, int size, int threads, kel::Progress& progress) {
+Heightmap PickHeightmap(CityCache& cache, int size, int threads, kel::Progress& progress, int level) {
   Heightmap map;
   const auto& e = cache.description().extent;
   map.region = kel::BBox<2, double>(kel::Vec2d(e.min.x(), e.min.y()), kel::Vec2d(e.max.x(), e.max.y()));
@@ -168,7 +168,7 @@ Heightmap PickHeightmap(CityCache& cache, int size, int threads, kel::Progress& 
 
   // Pixels grouped by the tile under them, so each tile is read once.
   const kel::TileSetInfo& set = cache.tileSet();
-  const int leaf = cache.leafLevel();
+  const int leaf = level >= 0 && level <= cache.leafLevel() ? level : cache.leafLevel();
   const double edge = set.tileSize / double(1 << leaf);
   std::map<std::pair<int, int>, std::vector<std::uint32_t>> byTile;
   for (int j = 0; j < map.height; ++j)
@@ -249,9 +249,10 @@ void WriteHeightmapPng(const Heightmap& map, const std::string& path) {
         const double t = groundHi > groundLo ? (z - groundLo) / (groundHi - groundLo) : 0.5;
         r = 95 + 95 * t, g = 140 + 30 * t, b = 80 + 20 * t;  // valley green to upland ochre
       } else {
+        // Roofs from brick red (low) to pale grey (the tallest towers).
         const double t = roofHi > groundLo ? std::clamp(double(z - groundLo) / double(roofHi - groundLo), 0.0, 1.0) : 0.5;
-        r = g = b = 150 + 105 * std::sqrt(t);  // taller is lighter
-        b += 8;
+        const double k = std::sqrt(t);
+        r = 205 + 40 * k, g = 110 + 135 * k, b = 90 + 160 * k;
       }
       std::uint8_t* px = &rgba[k * 4];
       px[0] = std::uint8_t(std::clamp(r * shade, 0.0, 255.0));

@@ -77,9 +77,10 @@ struct Heightmap {
   std::int64_t hits = 0;
 };
 
-// A size x size-ish grid (longer side `size`) of vertical picks over the
-// city's extent, tile by tile on `threads` threads. `progress` counts tiles.
-Heightmap PickHeightmap(CityCache& cache, int size, int threads, kel::Progress& progress);
+// A grid of vertical picks (longer side `size` pixels) over the city's
+// extent, from the tiles of `level` (-1: full detail), tile by tile on
+// `threads` threads. `progress` counts tiles.
+Heightmap PickHeightmap(CityCache& cache, int size, int threads, kel::Progress& progress, int level = -1);
 // Shaded colours: greens and browns by ground height, greys by roof height,
 // lit from the north-west. Writes a PNG atomically.
 void WriteHeightmapPng(const Heightmap& map, const std::string& path);

@@ -199,11 +199,15 @@ EncodedAtlas EncodeAtlas(const AtlasLayout& layout, const TextureLibrary& librar
     const int t = int(tex.width());
     const int x0 = layout.cellX(i), y0 = layout.cellY(i);
     for (int y = 0; y < cell; ++y) {
-      // The gutter repeats the opposite edge: textures tile seamlessly.
+      // The gutter repeats the opposite edge: textures tile seamlessly. A
+      // cell is the texture (t) with g pixels of gutter each side, so a row
+      // is the texture's last g pixels, the whole row, its first g pixels.
       const int sy = ((y - g) % t + t) % t;
       const std::uint8_t* src = tex.lineData(std::uint64_t(sy), 0);
       std::uint8_t* dst = atlas->lineData(std::uint64_t(y0 + y), 0) + 4 * x0;
-      for (int x = 0; x < cell; ++x) std::memcpy(dst + 4 * x, src + 4 * (((x - g) % t + t) % t), 4);
+      std::memcpy(dst, src + 4 * (t - g), 4 * std::size_t(g));
+      std::memcpy(dst + 4 * g, src, 4 * std::size_t(t));
+      std::memcpy(dst + 4 * (g + t), src, 4 * std::size_t(g));
     }
   }
   const kel::IImage::Format format =
