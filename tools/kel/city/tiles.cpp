@@ -185,32 +185,28 @@ double GeneralizeTolerance(const TilePlan& plan, int level) {
 
 TileIndex::TileIndex(const TilePlan& plan, const std::vector<Building>& buildings) {
   const kel::Vec2d origin(plan.description.origin.x(), plan.description.origin.y());
+  levels_.resize(std::size_t(plan.leafLevel + 1));
   for (int level = 0; level <= plan.leafLevel; ++level) {
-    Level lv;
-    lv.range = plan.set.GetIndexRange(std::uint64_t(level));
-    const int w = lv.range.max.x() - lv.range.min.x() + 1, h = lv.range.max.y() - lv.range.min.y() + 1;
-    lv.cells.resize(std::size_t(w) * std::size_t(h));
+    const kel::BBox<2, int> range = plan.set.GetIndexRange(std::uint64_t(level));
     const double minArea = MinimumArea(plan, level);
+    auto& cells = levels_[std::size_t(level)];
     for (std::uint32_t i = 0; i < buildings.size(); ++i) {
       const Building& b = buildings[i];
       if (b.area < minArea) continue;
       const kel::BBox<2, int> r =
           kel::TileSetInfo::GetIndexRange(std::uint64_t(level), origin, b.box, plan.description.tileSize);
-      for (int row = std::max(r.min.y(), lv.range.min.y()); row <= std::min(r.max.y(), lv.range.max.y()); ++row)
-        for (int col = std::max(r.min.x(), lv.range.min.x()); col <= std::min(r.max.x(), lv.range.max.x()); ++col)
-          lv.cells[std::size_t(row - lv.range.min.y()) * std::size_t(w) + std::size_t(col - lv.range.min.x())].push_back(i);
+      for (int row = std::max(r.min.y(), range.min.y()); row <= std::min(r.max.y(), range.max.y()); ++row)
+        for (int col = std::max(r.min.x(), range.min.x()); col <= std::min(r.max.x(), range.max.x()); ++col)
+          cells[Key(row, col)].push_back(i);
     }
-    levels_.push_back(std::move(lv));
   }
 }
 
 const std::vector<std::uint32_t>& TileIndex::candidates(const kel::TileCoords& t) const {
   if (t.level < 0 || std::size_t(t.level) >= levels_.size()) return none_;
-  const Level& lv = levels_[std::size_t(t.level)];
-  if (t.row < lv.range.min.y() || t.row > lv.range.max.y() || t.column < lv.range.min.x() || t.column > lv.range.max.x())
-    return none_;
-  const int w = lv.range.max.x() - lv.range.min.x() + 1;
-  return lv.cells[std::size_t(t.row - lv.range.min.y()) * std::size_t(w) + std::size_t(t.column - lv.range.min.x())];
+  const auto& cells = levels_[std::size_t(t.level)];
+  const auto it = cells.find(Key(t.row, t.column));
+  return it == cells.end() ? none_ : it->second;
 }
 
 std::string TilePath(const std::string& root, const std::wstring& name, const kel::TileCoords& tile) {

@@ -27,6 +27,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <kel/kel.h>
@@ -64,11 +65,10 @@ public:
   const std::vector<std::uint32_t>& candidates(const kel::TileCoords& tile) const;
 
 private:
-  struct Level {
-    kel::BBox<2, int> range;
-    std::vector<std::vector<std::uint32_t>> cells;  // row-major over range
-  };
-  std::vector<Level> levels_;
+  // Only tiles that hold something have an entry: a country's pyramid has
+  // many millions of tiles, most of them empty.
+  static std::uint64_t Key(int row, int column) { return std::uint64_t(std::uint32_t(row)) << 32 | std::uint32_t(column); }
+  std::vector<std::unordered_map<std::uint64_t, std::vector<std::uint32_t>>> levels_;
   std::vector<std::uint32_t> none_;
 };
 
