@@ -386,6 +386,7 @@ TEST(CityTerrain, StandsBuildingsOnADemAndCountsThoseBeyondIt) {
   BuildOptions o = Small((dir.path() / "cache").string(), 2000);
   o.dem = dem;
   o.heightmapSize = 0;
+  o.terrainQuads = 0;  // the DEM's own spacing: 10 m, so 13 cells per 128 m tile edge
   const BuildSummary s = Build(o);
   EXPECT_GT(s.prepare.kept, 100);
   EXPECT_GT(s.prepare.outsideTerrain, 0);  // the city is wider than the DEM
@@ -399,6 +400,20 @@ TEST(CityTerrain, StandsBuildingsOnADemAndCountsThoseBeyondIt) {
     EXPECT_NEAR(p.height, 300 + 0.01 * (east - 512400), 0.05) << x;
   }
   EXPECT_GT(ground, 5);
+
+  // The terrain patch of a tile in the middle of the city.
+  struct TerrainTriangles final : kel::sff_read_callback {
+    std::uint64_t group = 0;
+    std::size_t triangles = 0;
+    void beginB(std::uint64_t id) override { group = id; }
+    void integers(const std::uint64_t*, std::size_t n) override {
+      if (group == 1) triangles += n / 3;
+    }
+  } terrain;
+  const kel::TileCoords middle = cache.leafTileAt(0, 13);
+  kel::sff_file_is file(cache.tileFile(middle).c_str());
+  kel::sff_reader().read(file, terrain);
+  EXPECT_EQ(terrain.triangles, 2u * 13 * 13);
 }
 
 TEST(CityPrepare, CountsEveryBadFootprintByItsReason) {

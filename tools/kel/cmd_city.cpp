@@ -21,7 +21,7 @@ struct BuildArgs {
   std::vector<double> at;
   std::string shard;
   bool noTerrain = false;
-  std::int64_t buildings = 50000, seed = 1, quads = 32, zlib = 1, threads = 0, heightmapSize = 1024;
+  std::int64_t buildings = 50000, seed = 1, quads = 0, zlib = 1, threads = 0, heightmapSize = 1024;
   double defaultHeight = NAN;
 };
 
@@ -168,7 +168,8 @@ void AddCityCommands(CLI::App& app) {
   tool::AddInt(*cmd, "--seed", b->seed, 0, INT64_MAX, "variant of the built-in city (default 1)");
   tool::AddNumbers(*cmd, "--at", b->at, 2, "the built-in city's centre (default 9.18,48.78)")->type_name("LON,LAT");
   tool::AddNumber(*cmd, "--leaf-size", b->options.leafSize, "edge of a full-detail tile, metres (default 256)");
-  tool::AddInt(*cmd, "--quads", b->quads, 1, 1024, "terrain cells per tile edge (default 32)");
+  tool::AddInt(*cmd, "--quads", b->quads, 1, 1024,
+               "terrain cells per tile edge (default: 32, with --dem the DEM's spacing at full detail)");
   tool::AddInt(*cmd, "--zlib-level", b->zlib, 0, 9, "deflate level of the tiles (default 1)");
   tool::AddInt(*cmd, "--threads", b->threads, 0, 1024, "worker threads (default: every core)");
   cmd->add_option("--shard", b->shard, "build only tiles whose number modulo N is I")->type_name("I/N");

@@ -168,7 +168,13 @@ BuildSummary BuildCity(const BuildOptions& o, kel::Progress& root) {
   // 4. Tiles, in parallel.
   t0 = Clock::now();
   const TextureLibrary textures(32, 128);
-  TileContext ctx{city, plan, index, textures, o.out, {}, o.terrainQuads, o.zlibLevel, o.force || changed, &root};
+  // Full-detail terrain at the DEM's own spacing (coarser levels halve it),
+  // within reason: 4 to 128 cells per tile edge.
+  const double leafEdge = plan.description.tileSize / double(1 << plan.leafLevel);
+  const int quads = o.terrainQuads > 0         ? o.terrainQuads
+                    : city.terrainSpacing > 0 ? std::clamp(int(std::lround(leafEdge / city.terrainSpacing)), 4, 128)
+                                              : 32;
+  TileContext ctx{city, plan, index, textures, o.out, {}, quads, o.zlibLevel, o.force || changed, &root};
   ctx.inputs.push_back(Wide(o.out + "/" + kDescriptionFile));
   if (!o.input.source.empty() && fs::is_regular_file(o.input.source)) ctx.inputs.push_back(Wide(o.input.source));
   if (!o.dem.empty()) ctx.inputs.push_back(Wide(o.dem));
@@ -252,7 +258,7 @@ BuildSummary BuildCity(const BuildOptions& o, kel::Progress& root) {
       const int up = level - 1;
       const double edge = plan.description.tileSize / double(1 << up);
       if (std::sqrt(MinimumArea(plan, up)) > pixel || GeneralizeTolerance(plan, up) > pixel / 4 ||
-          edge / o.terrainQuads > 4 * pixel)
+          edge / quads > 4 * pixel)
         break;
       level = up;
     }
@@ -314,7 +320,7 @@ std::string FormatSummary(const BuildSummary& s) {
        Fixed(t.read, 2) + ", prepare " + Fixed(t.prepare, 2) + ", plan " + Fixed(t.plan, 2) + ", tiles " +
        Fixed(t.tiles, 2) + ", heightmap " + Fixed(t.heightmap, 2));
   const double work = t.geometry + t.textures + t.dxt + t.deflate + t.write;
-  if (work > 0) {
+  if (work > 0.01) {
     auto share = [&](double v) { return Fixed(100 * v / work, 0) + "%"; };
     line("  in tiles   geometry " + share(t.geometry) + ", textures " + share(t.textures) + ", DXT " + share(t.dxt) +
          ", deflate " + share(t.deflate) + ", writing " + share(t.write) + " of " + Fixed(work, 2) + " CPU seconds");

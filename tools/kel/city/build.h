@@ -24,7 +24,7 @@ struct BuildOptions {
   std::string dem;
   double defaultHeight = NAN;
   double leafSize = 256;   // metres, edge of a full-detail tile at most
-  int terrainQuads = 32;   // terrain cells per tile edge
+  int terrainQuads = 0;    // terrain cells per tile edge; 0: 32, or the DEM's own spacing at full detail
   int zlibLevel = 1;       // deflate level of the tile files
   int threads = 0;         // 0: every core
   int shardIndex = 0, shardCount = 1;  // build tiles whose number % count == index

@@ -195,7 +195,11 @@ PreparedCity Prepare(std::vector<SourceBuilding> in, const std::shared_ptr<kel::
       break;
     }
     case PrepareOptions::Terrain::Dem:
-      city.terrain = SampleDem(options.dem, city.srs, city.settings.offset, city.extent);
+    {
+      auto grid = SampleDem(options.dem, city.srs, city.settings.offset, city.extent);
+      city.terrainSpacing = (grid->region().max.x() - grid->region().min.x()) / (grid->columns() - 1);
+      city.terrain = std::move(grid);
+    }
       break;
   }
 

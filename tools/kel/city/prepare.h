@@ -48,6 +48,7 @@ struct PreparedCity {
   std::shared_ptr<kel::SRSCoordSys> srs;  // the UTM zone
   ModelSettings settings;                 // its code and the offset
   std::unique_ptr<HeightField> terrain;   // null: none
+  double terrainSpacing = 0;              // metres between the DEM's samples; 0 for procedural terrain
   BBox<2, double> extent;                 // model coordinates, buildings plus margin
   double minZ = 0, maxZ = 0;
   PrepareReport report;
