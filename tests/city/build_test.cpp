@@ -439,6 +439,15 @@ TEST(CityPrepare, CountsEveryBadFootprintByItsReason) {
   SourceBuilding courtyard = building(10, {{0, 40}, {40, 40}, {40, 80}, {0, 80}}, 12);
   courtyard.parts[0].rings.push_back({{50, 50}, {60, 50}, {60, 60}});  // a "hole" outside: repaired
   in.push_back(courtyard);
+  // Long rings take GEOS's validity test rather than the quadratic one.
+  Ring circle, eight;
+  for (int i = 0; i < 600; ++i) {
+    const double a = 2 * M_PI * i / 600;
+    circle.push_back(Vec2d(300 + 20 * std::cos(a), 20 * std::sin(a)));
+    eight.push_back(Vec2d(400 + 20 * std::sin(a), 20 * std::sin(a) * std::cos(a)));  // crosses itself once
+  }
+  in.push_back(building(11, circle, 10));
+  in.push_back(building(12, eight, 10));
   const auto srs = kel::SRSCoordSys::Create(L"UTM84-32N");
   PrepareOptions po;
   po.terrain = PrepareOptions::Terrain::None;
@@ -455,16 +464,18 @@ TEST(CityPrepare, CountsEveryBadFootprintByItsReason) {
   EXPECT_EQ(r.noHeight, 1);
   EXPECT_EQ(r.badHeight, 1);
   EXPECT_EQ(r.floorsOnly, 1);
-  EXPECT_EQ(r.repaired, 2);
-  EXPECT_EQ(r.kept, 5);
+  EXPECT_EQ(r.repaired, 3);
+  EXPECT_EQ(r.kept, 7);
   std::map<std::int64_t, const Building*> byId;
   for (const Building& b : city.buildings) byId[b.id] = &b;
-  for (std::int64_t id : {1, 2, 7, 9, 10}) EXPECT_TRUE(byId.count(id)) << id;
+  for (std::int64_t id : {1, 2, 7, 9, 10, 11, 12}) EXPECT_TRUE(byId.count(id)) << id;
   ASSERT_TRUE(byId.count(2));
   EXPECT_EQ(byId[2]->parts.size(), 2u);  // the bow tie's two triangles
   EXPECT_NEAR(byId[2]->area, 200, 1e-6);
   EXPECT_DOUBLE_EQ(byId[7]->height, 12);
   EXPECT_NEAR(byId[10]->area, 1600 + 50, 1e-6);  // the stray ring became a part of its own
+  EXPECT_EQ(byId[11]->parts.size(), 1u);
+  EXPECT_EQ(byId[12]->parts.size(), 2u);  // the figure eight's two loops
   EXPECT_EQ(kel::WString2Utf8String(city.settings.srs), "UTM84-32N");
 }
 

@@ -23,6 +23,7 @@ bool Finite(const std::vector<Polygon>& parts) {
 // make-valid. Returns false when nothing with area is left.
 bool Clean(std::vector<Polygon>& parts, GEOSContextHandle_t ctx, PrepareReport& report, bool& repaired) {
   constexpr double kMinArea = 0.5;  // square metres: slivers from digitising
+  constexpr std::size_t kQuadraticLimit = 256;
   std::vector<Polygon> out;
   for (Polygon& p : parts) {
     Polygon q;
@@ -30,9 +31,10 @@ bool Clean(std::vector<Polygon>& parts, GEOSContextHandle_t ctx, PrepareReport& 
     for (std::size_t r = 0; r < p.rings.size(); ++r) {
       Ring ring = std::move(p.rings[r]);
       DropRepeats(ring);
-      const bool ringSimple = IsSimple(ring);
+      // IsSimple is quadratic: long rings go to GEOS's validity test instead.
+      const bool ringSimple = ring.size() <= kQuadraticLimit && IsSimple(ring);
       // A self-crossing ring's signed area may cancel out: make-valid judges it.
-      if (ring.size() < 3 || (ringSimple && std::fabs(SignedArea2(ring)) / 2 < kMinArea)) {
+      if (ring.size() < 3 || (ring.size() <= kQuadraticLimit && ringSimple && std::fabs(SignedArea2(ring)) / 2 < kMinArea)) {
         ++report.droppedRings;
         if (r == 0) break;  // without its outer ring a part is gone
         continue;
@@ -60,8 +62,11 @@ bool Clean(std::vector<Polygon>& parts, GEOSContextHandle_t ctx, PrepareReport& 
       GEOSGeom_destroy_r(ctx, made);
     }
     if (shape) GEOSGeom_destroy_r(ctx, shape);
+    // Make-valid's rings are simple unless they lost points to DropRepeats.
     for (Polygon& f : fixed)
-      if (Area(f) >= kMinArea && std::all_of(f.rings.begin(), f.rings.end(), [](const Ring& r) { return IsSimple(r); })) {
+      if (Area(f) >= kMinArea && std::all_of(f.rings.begin(), f.rings.end(), [](const Ring& r) {
+            return r.size() > kQuadraticLimit || IsSimple(r);
+          })) {
         Orient(f);
         out.push_back(std::move(f));
         repaired = true;

@@ -106,7 +106,9 @@ Polygon Generalized(const Polygon& p, double tolerance, TileScratch& s) {
     for (int i = s.generalized.contourStart(c); i <= s.generalized.contourEnd(c); ++i)
       ring.emplace_back(s.generalized.x(i), s.generalized.y(i));
     DropRepeats(ring);
-    const bool ok = ring.size() >= 3 && IsSimple(ring) && SignedArea2(ring) != 0;
+    // Long outlines are trusted (IsSimple is quadratic); the roof's
+    // triangulation falls back to GEOS should one fold.
+    const bool ok = ring.size() >= 3 && (ring.size() > 256 || IsSimple(ring)) && SignedArea2(ring) != 0;
     if (c == 0) out.rings.push_back(ok ? std::move(ring) : p.rings[0]);
     else if (ok) out.rings.push_back(std::move(ring));
   }
