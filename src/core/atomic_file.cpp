@@ -204,11 +204,11 @@ void AtomicFile::write(const void* data, std::size_t size) {
   s.size += size;
 }
 
-void AtomicFile::commit() {
+void AtomicFile::commit(Sync sync) {
   State& s = *state_;
   s.checkUsable();
   s.flush();
-  if (::fsync(s.fd) != 0) s.fail("Failed to write", errno);
+  if (sync == Sync::Synced && ::fsync(s.fd) != 0) s.fail("Failed to write", errno);
   if (s.tempPath.empty()) {
     // Give the unnamed temporary a name beside the target; rename() then
     // replaces the target in one step, which linkat() cannot do.

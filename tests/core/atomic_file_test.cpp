@@ -54,17 +54,19 @@ protected:
 TEST_P(AtomicFileTest, CommitReplacesTheTargetWithExactlyTheBytesWritten) {
   ScratchDir dir;
   const std::string target = dir / "out.bin";
-  for (std::size_t size : {0u, 1u, 65535u, 65536u, 65537u, 300001u}) {
-    WriteBytes(target, "previous content");
-    const std::string bytes = RandomBytes(size, static_cast<unsigned>(size));
-    AtomicFile out(target);
-    WriteInPieces(out, bytes, static_cast<unsigned>(size) + 1);
-    EXPECT_EQ(ReadBytes(target), "previous content") << "visible before commit, size " << size;
-    out.commit();
-    EXPECT_EQ(out.size(), size);
-    EXPECT_EQ(ReadBytes(target), bytes) << size;
-    EXPECT_TRUE(Leftovers(dir.path()).empty()) << size;
-  }
+  for (const auto sync : {AtomicFile::Sync::Synced, AtomicFile::Sync::Unsynced})
+    for (std::size_t size : {0u, 1u, 65535u, 65536u, 65537u, 300001u}) {
+      SCOPED_TRACE(sync == AtomicFile::Sync::Synced ? "synced" : "unsynced");
+      WriteBytes(target, "previous content");
+      const std::string bytes = RandomBytes(size, static_cast<unsigned>(size));
+      AtomicFile out(target);
+      WriteInPieces(out, bytes, static_cast<unsigned>(size) + 1);
+      EXPECT_EQ(ReadBytes(target), "previous content") << "visible before commit, size " << size;
+      out.commit(sync);
+      EXPECT_EQ(out.size(), size);
+      EXPECT_EQ(ReadBytes(target), bytes) << size;
+      EXPECT_TRUE(Leftovers(dir.path()).empty()) << size;
+    }
 }
 
 TEST_P(AtomicFileTest, AbandonedWritesLeaveTheOldFileAndNoTemporary) {

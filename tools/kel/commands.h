@@ -17,5 +17,6 @@ void AddSrsCommands(CLI::App& app);
 void AddDemoCommands(CLI::App& app);
 void AddBagCommands(CLI::App& app);
 void AddSettingsCommands(CLI::App& app);
+void AddCityCommands(CLI::App& app);
 void AddGeomCommands(CLI::App& app);
 void AddFeatureCommands(CLI::App& app);

@@ -43,6 +43,7 @@ std::unique_ptr<CLI::App> BuildApp(Globals& globals) {
   AddFeatureCommands(*app);
   AddDemoCommands(*app);
   AddGeomCommands(*app);
+  AddCityCommands(*app);
   return app;
 }
 

@@ -46,10 +46,19 @@ public:
   void write(const void* data, std::size_t size);
   void write(std::string_view bytes) { write(bytes.data(), bytes.size()); }
 
-  // Flushes, fsyncs, closes and renames over the target. Throws on any
-  // failure, after which the target is still the old file and the temporary
-  // is gone. Calling it twice, or after a failure, throws.
-  void commit();
+  // How commit() makes the file durable. Synced (the default) fsyncs before
+  // the rename, so the file survives a power cut once commit() returns.
+  // Unsynced skips that flush: readers, and a process that is killed, still
+  // see either the old file or the whole new one, but after a power cut the
+  // new name may hold an empty or partial file. Meant for many files written
+  // in one go and flushed together afterwards (syncfs), such as the tiles of
+  // a cache: a flush per file costs about 10 ms on a disk.
+  enum class Sync { Synced, Unsynced };
+
+  // Flushes, fsyncs (unless Unsynced), closes and renames over the target.
+  // Throws on any failure, after which the target is still the old file and
+  // the temporary is gone. Calling it twice, or after a failure, throws.
+  void commit(Sync sync = Sync::Synced);
   // Drops everything written so far and removes the temporary now; the target
   // is left as it was, and later writes and commit() throw. Idempotent.
   void discard() noexcept;
