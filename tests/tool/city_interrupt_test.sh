@@ -7,9 +7,10 @@ set -u
 kel=$1 work=$2
 rm -rf "$work" && mkdir -p "$work" && cd "$work" || exit 1
 fail() { echo "FAIL: $*"; echo "--- stderr:"; cat err 2>/dev/null; exit 1; }
-args=(city build city --buildings 4000 --threads 1 --heightmap-size 0)
+# Deflate level 9 keeps the build long enough to catch mid-way.
+args=(city build city --buildings 20000 --zlib-level 9 --threads 1 --heightmap-size 0)
 
-"$kel" "${args[@]}" >out 2>err &
+env --default-signal=INT "$kel" "${args[@]}" >out 2>err &
 pid=$!
 ( exec >/dev/null 2>&1; sleep 120; kill -9 "$pid" ) &
 watchdog=$!
