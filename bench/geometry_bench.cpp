@@ -456,11 +456,11 @@ long StatusKiB(const char* key) {
 // the resident set counts live memory only and nothing freed earlier is
 // silently reused. Prints the peak growth in bytes and our index's file
 // bytes.
-int MemoryChild(const std::string& spec) {
+int MemoryChild(const std::string& polygon_side) {
   mallopt(M_MMAP_THRESHOLD, 128 * 1024);
   mallopt(M_TRIM_THRESHOLD, 128 * 1024);
-  const std::size_t colon = spec.rfind(':');
-  const std::string name = spec.substr(0, colon), side = spec.substr(colon + 1);
+  const std::size_t colon = polygon_side.rfind(':');
+  const std::string name = polygon_side.substr(0, colon), side = polygon_side.substr(colon + 1);
   std::string why;
   std::shared_ptr<GeometryBuffer> poly = MakePolygon(name, why);
   if (!poly) return 1;
