@@ -39,12 +39,9 @@ std::int64_t File::Size(const std::wstring& path) {
   return static_cast<std::int64_t>(st.st_size);
 }
 
-bool File::ReadAll(const std::wstring& path, std::string& bytes) {
+int File::ReadAllOrError(const std::wstring& path, std::string& bytes) {
   const int fd = open(NativePath(path).c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    LogFailure(L"read", path, std::strerror(errno));
-    return false;
-  }
+  if (fd < 0) return errno;
   std::string data;
   struct stat st;
   if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) data.reserve(static_cast<std::size_t>(st.st_size));
@@ -56,14 +53,19 @@ bool File::ReadAll(const std::wstring& path, std::string& bytes) {
       if (errno == EINTR) continue;
       const int error = errno;
       close(fd);
-      LogFailure(L"read", path, std::strerror(error));
-      return false;
+      return error;
     }
     data.append(buffer, static_cast<std::size_t>(n));
   }
   close(fd);
   bytes = std::move(data);
-  return true;
+  return 0;
+}
+
+bool File::ReadAll(const std::wstring& path, std::string& bytes) {
+  const int error = ReadAllOrError(path, bytes);
+  if (error != 0) LogFailure(L"read", path, std::strerror(error));
+  return error == 0;
 }
 
 bool File::WriteAll(const std::wstring& path, std::string_view bytes) {

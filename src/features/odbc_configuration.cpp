@@ -10,7 +10,6 @@
 #include <memory>
 #include <sstream>
 
-#include "kel/core/atomic_file.h"
 #include "kel/core/log.h"
 #include "kel/core/path.h"
 #include "kel/core/text.h"
@@ -51,18 +50,6 @@ bool ReadFile(const std::wstring& path, std::string& out, bool mustExist) {
     return false;
   }
   return true;
-}
-
-bool WriteWhole(const std::wstring& path, const std::string& bytes) {
-  try {
-    AtomicFile file(path);
-    file.write(bytes);
-    file.commit();
-    return true;
-  } catch (const wexception& e) {
-    KEL_LOG_ERROR(e.message());
-    return false;
-  }
 }
 
 bool HasControl(const std::wstring& s) {
@@ -230,7 +217,7 @@ bool OdbcConfiguration::WriteSchema(const std::wstring& vrtPath) const {
   char* text = CPLSerializeXMLTree(root.get());
   const std::string xml = text ? text : "";
   CPLFree(text);
-  return WriteWhole(vrtPath, xml);
+  return File::WriteAll(vrtPath, xml);
 }
 
 bool OdbcConfiguration::WriteDataSource(const std::wstring& odbcIniPath) const {
@@ -260,7 +247,7 @@ bool OdbcConfiguration::WriteDataSource(const std::wstring& odbcIniPath) const {
     if (!out.empty() && out.size() >= 2 && out.substr(out.size() - 2) != L"\n\n") out += L"\n";
     out += section;
   }
-  return WriteWhole(odbcIniPath, WString2Utf8String(out));
+  return File::WriteAll(odbcIniPath, WString2Utf8String(out));
 }
 
 bool OdbcConfiguration::Write(const std::wstring& vrtPath, const std::wstring& odbcIniPath) const {

@@ -1,11 +1,8 @@
 #include "kel/settings/pos_file.h"
 
-#include <cerrno>
 #include <charconv>
 #include <cstring>
 
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "kel/core/atomic_file.h"
 #include "kel/core/path.h"
@@ -136,25 +133,9 @@ PosFile PosFile::Parse(std::string_view utf8, const std::wstring& source) {
 }
 
 PosFile PosFile::Load(const std::wstring& path) {
-  auto cannot = [&](int error) {
-    throw wexception(L"Cannot read model settings file " + path + L": " + Utf8String2WString(std::strerror(error)));
-  };
-  const int fd = open(File::NativePath(path).c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) cannot(errno);
   std::string bytes;
-  char buffer[1 << 14];
-  while (true) {
-    const ssize_t n = read(fd, buffer, sizeof buffer);
-    if (n == 0) break;
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      const int error = errno;
-      close(fd);
-      cannot(error);
-    }
-    bytes.append(buffer, static_cast<std::size_t>(n));
-  }
-  close(fd);
+  if (const int error = File::ReadAllOrError(path, bytes))
+    throw wexception(L"Cannot read model settings file " + path + L": " + Utf8String2WString(std::strerror(error)));
   return Parse(bytes, path);
 }
 

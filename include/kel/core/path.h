@@ -26,8 +26,11 @@ public:
   static bool IsDirectory(const std::wstring& path);
   // Bytes of a regular file (symbolic links followed), -1 for anything else.
   static std::int64_t Size(const std::wstring& path);
-  // The whole file; on false `bytes` is untouched.
+  // The whole file; on false `bytes` is untouched and the failure logged.
   static bool ReadAll(const std::wstring& path, std::string& bytes);
+  // The same without logging, for callers that report failures their own
+  // way: 0, or the errno of the failed call.
+  static int ReadAllOrError(const std::wstring& path, std::string& bytes);
   // Replaces the file as a whole through kel::AtomicFile: a failed or killed
   // write leaves the old file as it was and no half-written one.
   static bool WriteAll(const std::wstring& path, std::string_view bytes);
