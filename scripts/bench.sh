@@ -18,8 +18,9 @@ root=$(pwd)
 out=${KEL_BUILD_ROOT:-$root/build-bench}
 jobs=${KEL_JOBS:-$(nproc)}
 
+# The tools stay on: the city benchmark runs the tool's pipeline.
 config=(-S . -B "$out" -G Ninja -DCMAKE_BUILD_TYPE=Release -DKEL_BUILD_BENCH=ON -DKEL_BUILD_TESTS=OFF
-        -DKEL_BUILD_TOOLS=OFF)
+        -DKEL_BUILD_TOOLS=ON)
 [ -n "${KEL_SHARED_DATA_DIR:-}" ] && config+=("-DKEL_SHARED_DATA_DIR=$KEL_SHARED_DATA_DIR")
 cmake "${config[@]}" >/dev/null || exit 1
 
