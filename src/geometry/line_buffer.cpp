@@ -22,6 +22,8 @@
 #include <numbers>
 #include <string>
 
+#include <sys/mman.h>
+
 #include "geometry/detail/geometry_parts.h"
 #include "kel/core/log.h"
 #include "kel/geometry/byte_sink.h"
@@ -81,7 +83,25 @@ void LineBuffer::ResetBounds() {
   bounds_.max = Vec3d(-DBL_MAX, -DBL_MAX, -DBL_MAX);
 }
 
-void LineBuffer::Reserve(int points) { xyz_.reserve(3 * std::size_t(std::max(points, 0))); }
+namespace {
+
+// Large buffers are filled at once (tessellation, whole layers): on 2 MiB
+// pages they fault in a few hundred times instead of hundreds of thousands.
+void AdviseHugePages(void* data, std::size_t bytes) {
+  constexpr std::uintptr_t kHuge = std::uintptr_t(2) << 20;
+  const std::uintptr_t begin = (reinterpret_cast<std::uintptr_t>(data) + kHuge - 1) & ~(kHuge - 1);
+  const std::uintptr_t end = (reinterpret_cast<std::uintptr_t>(data) + bytes) & ~(kHuge - 1);
+  if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+}
+
+}  // namespace
+
+void LineBuffer::Reserve(int points) {
+  const std::size_t n = 3 * std::size_t(std::max(points, 0));
+  if (n <= xyz_.capacity()) return;
+  xyz_.reserve(n);
+  AdviseHugePages(xyz_.data(), xyz_.capacity() * sizeof(double));
+}
 
 void LineBuffer::Clear() {
   xyz_.clear();
