@@ -110,6 +110,16 @@ awk -F, '
 ' "$results"/*.csv
 [ $? -ne 0 ] && failed=1
 
+# What each benchmark prints beside Google Benchmark's rows: agreement
+# counts, memory, quality and the ratios of cases timed by hand.
+for name in "${names[@]}"; do
+  log="$results/$name.log"
+  [ -f "$log" ] || continue
+  extra=$(sed 's/\x1b\[[0-9;]*m//g' "$log" | grep -v -E '^(BM_|-+$|Benchmark |Running |Run on |CPU Caches|  L[123] |Load Average|\*\*\*WARNING|[0-9]{4}-[0-9]{2}-[0-9]{2}T|[[:space:]]*$)' \
+          | grep -v -E '^[A-Za-z0-9_ /<>:.,-]+/(manual|real)_time' | grep -v -E '^(points|polygons) (extent|id range)/')
+  [ -n "$extra" ] && { echo; echo "== $name"; echo "$extra"; }
+done
+
 if [ "$failed" -ne 0 ]; then
   echo
   echo "bench: FAILED (a benchmark failed or its sides disagreed); logs in $results" >&2
