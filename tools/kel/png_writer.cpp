@@ -9,54 +9,6 @@
 #include <kel/kel.h>
 
 namespace cli {
-namespace {
-
-// libpng calls back from C: failures go back through png_error (a longjmp),
-// never as C++ exceptions through libpng's frames.
-struct Target {
-  kel::AtomicFile* file;
-  std::string error;
-};
-
-void Write(png_structp png, png_bytep data, png_size_t size) {
-  auto* t = static_cast<Target*>(png_get_io_ptr(png));
-  try {
-    t->file->write(data, size);
-  } catch (const kel::wexception& e) {
-    t->error = e.what();
-    png_error(png, "write failed");
-  }
-}
-
-void Flush(png_structp) {}
-
-}  // namespace
-
-void WritePng(const std::string& path, const std::uint8_t* pixels, std::uint32_t width, std::uint32_t height,
-              std::size_t stride, int channels) {
-  // Through a temporary: a failed or killed write keeps the picture that was there.
-  kel::AtomicFile file(path);
-  Target target{&file, {}};
-  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-  png_infop info = png ? png_create_info_struct(png) : nullptr;
-  if (!info) {
-    png_destroy_write_struct(&png, nullptr);
-    throw std::runtime_error("libpng could not start");
-  }
-  if (setjmp(png_jmpbuf(png))) {
-    png_destroy_write_struct(&png, &info);
-    throw std::runtime_error(target.error.empty() ? "failed to write " + path : target.error);
-  }
-  png_set_write_fn(png, &target, &Write, &Flush);
-  png_set_IHDR(png, info, width, height, 8, channels == 1 ? PNG_COLOR_TYPE_GRAY : PNG_COLOR_TYPE_RGBA,
-               PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-  png_write_info(png, info);
-  for (std::uint32_t y = 0; y < height; ++y)
-    png_write_row(png, const_cast<png_bytep>(pixels + y * stride));
-  png_write_end(png, nullptr);
-  png_destroy_write_struct(&png, &info);
-  file.commit();
-}
 
 std::vector<std::uint8_t> EncodePng(const std::uint8_t* pixels, std::uint32_t width, std::uint32_t height,
                                     std::size_t stride, int channels) {
@@ -85,6 +37,15 @@ std::vector<std::uint8_t> EncodePng(const std::uint8_t* pixels, std::uint32_t wi
   png_write_end(png, nullptr);
   png_destroy_write_struct(&png, &info);
   return out;
+}
+
+void WritePng(const std::string& path, const std::uint8_t* pixels, std::uint32_t width, std::uint32_t height,
+              std::size_t stride, int channels) {
+  const std::vector<std::uint8_t> png = EncodePng(pixels, width, height, stride, channels);
+  // Through a temporary: a failed or killed write keeps the picture that was there.
+  kel::AtomicFile file(path);
+  file.write(png.data(), png.size());
+  file.commit();
 }
 
 }  // namespace cli

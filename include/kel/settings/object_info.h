@@ -29,7 +29,7 @@ struct KEL_API ObjectInfo {
   bool isValid() const { return classId != InvalidClassID && featureId != InvalidFeatureID; }
 
   // Property-bag text with the keys "class", "feature", "layer", "part" and
-  // "material"; invalid ids, part 0 and an empty hint are left out.
+  // "material"; invalid ids, a zero building part and an empty hint are left out.
   std::wstring encode() const;
   // Reads that text; missing keys keep their invalid defaults. False (out
   // untouched) for text that is no bag or a key that does not parse.
