@@ -35,10 +35,14 @@ step "ThreadSanitizer: the progress tree and coordinate-system caches"
 # libgomp's synchronisation). The srs tests join once they exist.
 cmake -S . -B "$out/tsan" -G Ninja "${shared[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKEL_SANITIZE=thread \
   -DKEL_BUILD_TOOLS=OFF >/dev/null
+# The target list is read whole first: grep -q on the pipe would stop early and
+# leave ninja dying of SIGPIPE, which pipefail counts as "no such target".
+targets=$(cmake --build "$out/tsan" --target help)
 tsan_targets=()
 for t in kel_runtime_tests kel_srs_tests; do
-  cmake --build "$out/tsan" --target help | grep -q "^$t:" && tsan_targets+=("$t")
+  grep -q "^$t:" <<<"$targets" && tsan_targets+=("$t")
 done
+[ ${#tsan_targets[@]} -gt 0 ] || { echo "no threaded test targets found" >&2; exit 1; }
 cmake --build "$out/tsan" -j "$jobs" --target "${tsan_targets[@]}"
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   ctest --test-dir "$out/tsan" -j "$jobs" --output-on-failure -L '^(runtime|srs)$'
