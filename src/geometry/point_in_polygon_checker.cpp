@@ -18,6 +18,7 @@ struct PointInPolygonChecker::Part {
   int firstPoint = 0, pointCount = 0;
   BBox<2, double> box;
   std::unique_ptr<SpatialIndex2D> index;
+  std::vector<std::uint32_t> gaps;  // leaves that are no edge: each contour's last point
 };
 
 namespace {
@@ -79,12 +80,14 @@ PointInPolygonChecker::PointInPolygonChecker(std::shared_ptr<GeometryBuffer> pol
     part.index = std::make_unique<SpatialIndex2D>(indexPrefix.empty() ? nullptr : indexPrefix.c_str());
     part.index->reserve(std::uint64_t(part.pointCount));
     const double* p = source.pointData();
-    for (int c = part.firstContour; c < part.firstContour + part.contourCount; ++c)
+    for (int c = part.firstContour; c < part.firstContour + part.contourCount; ++c) {
+      part.gaps.push_back(std::uint32_t(source.contourEnd(c) - part.firstPoint));
       for (int i = source.contourStart(c); i < source.contourEnd(c); ++i) {
         const double* a = p + 3 * std::size_t(i);
         part.index->insert(std::uint64_t(i - part.firstPoint), std::min(a[0], a[3]), std::min(a[1], a[4]),
                            std::max(a[0], a[3]), std::max(a[1], a[4]));
       }
+    }
     // Spilled levels end with up to 20 pages past their mapping, which
     // queries would read through buffers; reopened, every whole page is a
     // view of the file.
@@ -110,7 +113,9 @@ PointInPolygonChecker::~PointInPolygonChecker() = default;
 bool PointInPolygonChecker::PartContains(const Part& part, double x, double y) const {
   if (!InBox(part.box, x, y)) return false;
   const GeometryBuffer& source = closed_ ? *closed_ : *polygon_;
-  if (part.index) return part.index->pointInPolygon(x, y, source.pointData() + 3 * std::size_t(part.firstPoint), 3);
+  if (part.index)
+    return part.index->pointInPolygon(x, y, source.pointData() + 3 * std::size_t(part.firstPoint), 3,
+                                       part.gaps.data(), part.gaps.size());
   bool inside = false;
   for (int c = part.firstContour; c < part.firstContour + part.contourCount; ++c) {
     const int s = source.contourStart(c), e = source.contourEnd(c);

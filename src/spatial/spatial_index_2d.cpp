@@ -278,49 +278,66 @@ bool SpatialIndex2D::RangeCursor::next(std::int64_t& start, std::int64_t& end) {
 // ---------------------------------------------------------------- crossing test
 
 template <typename Edge>
-bool SpatialIndex2D::Crossings(double x, double y, Edge edge) const {
+bool SpatialIndex2D::Crossings(double x, double y, Edge edge, const std::uint32_t* gaps,
+                               const std::uint32_t* gapsEnd) const {
   if (count_[0] == 0) return false;
   const float yq = float(y - originY_);
-  const std::uint64_t leaves = count_[0];
   const int top = topLevel_;
   bool inside = false;
-  std::uint32_t node = 0;
+  // Each edge owns its upper end only (y0 >= y versus y1 >= y), so a
+  // horizontal line through a shared vertex counts it once.
+  const auto cross = [&](std::uint32_t n) {
+    double e[4];
+    edge(n, e);
+    const bool a = y <= e[3];
+    if (a != (e[1] >= y)) {
+      const bool c = (e[0] - e[2]) * (e[3] - y) >= (e[1] - e[3]) * (e[2] - x);
+      if (c == a) inside = !inside;
+    }
+  };
+  // With vouched leaves the walk stops one level up and tests all eight.
+  const int lowest = gaps && top > 0 ? 1 : 0;
+  // The walk keeps, per level, the first node of the sibling group it is in
+  // and a bit per sibling still to visit whose box holds y. Visiting the
+  // bits in ascending order is the leaf order; one look at each group's
+  // records (a single page lookup for a file level) serves all eight.
+  std::uint32_t first[kMaxLevels];
+  unsigned todo[kMaxLevels];
+  const auto enter = [&](int level, std::uint32_t group) {
+    const std::uint32_t n = std::min<std::uint32_t>(8, count_[level] - group);
+    const BoxRecord* r = onFile_[level] ? files_[level]->peek(group) : arrays_[level] + group;
+    unsigned m = 0;
+    for (std::uint32_t j = 0; j < n; ++j) m |= unsigned(yq >= r[j].minY && !(yq > r[j].maxY)) << j;
+    first[level] = group;
+    todo[level] = m;
+    // The edges the walk will test load together rather than one miss
+    // after another.
+    if constexpr (requires { edge.prefetch(0u); })
+      if (level == 1 && lowest == 1)
+        for (unsigned k = m; k; k &= k - 1) edge.prefetch(8 * (group + unsigned(__builtin_ctz(k))));
+  };
+  enter(top, 0);
   int level = top;
-  std::uint64_t pos = 0;
-  // Eight siblings never straddle a page, so each level looks its page up
-  // once per sibling group; the pointer stays valid because only this
-  // level's own file could evict that page.
-  std::uint32_t groupAt[kMaxLevels];
-  const BoxRecord* group[kMaxLevels];
-  for (int l = 0; l <= top; ++l) groupAt[l] = UINT32_MAX;
-  while (pos < leaves) {
-    if ((node & ~7u) != groupAt[level]) {
-      groupAt[level] = node & ~7u;
-      group[level] = onFile_[level] ? files_[level]->peek(groupAt[level]) : arrays_[level] + groupAt[level];
-    }
-    const BoxRecord* r = group[level] + (node & 7u);
-    if (yq >= r->minY && !(yq > r->maxY)) {
-      if (level > 0) {
-        node *= 8;
-        --level;
-        continue;
-      }
-      double e[4];
-      edge(node, e);
-      // Each edge owns its upper end only (y0 >= y versus y1 >= y), so a
-      // horizontal line through a shared vertex counts it once.
-      const bool a = y <= e[3];
-      if (a != (e[1] >= y)) {
-        const bool c = (e[0] - e[2]) * (e[3] - y) >= (e[1] - e[3]) * (e[2] - x);
-        if (c == a) inside = !inside;
-      }
-    }
-    ++node;
-    while ((node & 7) == 0 && level < top) {
-      node >>= 3;
+  for (;;) {
+    if (!todo[level]) {
+      if (level == top) break;
       ++level;
+      continue;
     }
-    pos = std::uint64_t(node) << (3 * level);
+    const std::uint32_t node = first[level] + unsigned(__builtin_ctz(todo[level]));
+    todo[level] &= todo[level] - 1;
+    if (level > lowest) {
+      --level;
+      enter(level, node * 8);
+    } else if (level == 0) {
+      cross(node);
+    } else {
+      const std::uint32_t last = std::min<std::uint32_t>(node * 8 + 8, count_[0]);
+      for (std::uint32_t n = node * 8; n < last; ++n) {
+        while (gaps != gapsEnd && *gaps < n) ++gaps;
+        if (gaps == gapsEnd || *gaps != n) cross(n);
+      }
+    }
   }
   return inside;
 }
@@ -329,14 +346,38 @@ bool SpatialIndex2D::pointInPolygon(double x, double y, const double* edges) con
   return Crossings(x, y, [edges](std::uint32_t n, double e[4]) { std::memcpy(e, edges + 4 * std::size_t(n), 4 * sizeof(double)); });
 }
 
-bool SpatialIndex2D::pointInPolygon(double x, double y, const double* points, std::size_t stride) const {
-  return Crossings(x, y, [points, stride](std::uint32_t n, double e[4]) {
+namespace {
+
+struct PolylineEdge {
+  const double* points;
+  std::size_t stride;
+  void operator()(std::uint32_t n, double e[4]) const {
     const double* p = points + stride * n;
     e[0] = p[0];
     e[1] = p[1];
     e[2] = p[stride];
     e[3] = p[stride + 1];
-  });
+  }
+  // Leaves first .. first + 7 and the point closing the last.
+  void prefetch(std::uint32_t first) const {
+    const char* p = reinterpret_cast<const char*>(points + stride * first);
+    const char* end = reinterpret_cast<const char*>(points + stride * (first + 8) + 2);
+    for (; p < end; p += 64) __builtin_prefetch(p);
+    __builtin_prefetch(end - 1);
+  }
+};
+
+}  // namespace
+
+bool SpatialIndex2D::pointInPolygon(double x, double y, const double* points, std::size_t stride) const {
+  return Crossings(x, y, PolylineEdge{points, stride});
+}
+
+bool SpatialIndex2D::pointInPolygon(double x, double y, const double* points, std::size_t stride,
+                                    const std::uint32_t* gaps, std::size_t gapCount) const {
+  static const std::uint32_t kNone = 0;
+  const std::uint32_t* begin = gapCount ? gaps : &kNone;
+  return Crossings(x, y, PolylineEdge{points, stride}, begin, begin + gapCount);
 }
 
 // ---------------------------------------------------------------- upkeep

@@ -111,7 +111,8 @@ TEST(SpatialIndex2D, CrossingTestIsEvenOddOverTheEdges) {
   std::mt19937 rng(4);
   GeometryBuffer shape(0, FdoDimensionality_XY, false);
   test::AddStarRing(shape, rng, 700, 0, 0, 100);
-  test::AddStarRing(shape, rng, 90, 20, 0, 15);
+  test::AddStarRing(shape, rng, 93, 20, 0, 15);  // its last point falls mid-group
+  test::AddStarRing(shape, rng, 60, -40, 40, 12);  // the gap before it is a long slanted segment
   std::vector<double> edges;
   for (int c = 0; c < shape.contourCount(); ++c)
     for (int i = shape.contourStart(c); i < shape.contourEnd(c); ++i)
@@ -121,12 +122,27 @@ TEST(SpatialIndex2D, CrossingTestIsEvenOddOverTheEdges) {
     const double* e = &edges[4 * i];
     index.insert(i, std::min(e[0], e[2]), std::min(e[1], e[3]), std::max(e[0], e[2]), std::max(e[1], e[3]));
   }
+  // The polyline forms: leaf n is the segment from point n to n + 1, and
+  // each contour's last point starts none (a gap). Reading the leaves and
+  // vouching for them must agree, above all on lines through vertices.
+  SpatialIndex2D byPoint;
+  std::vector<std::uint32_t> gaps;
+  for (int c = 0; c < shape.contourCount(); ++c) {
+    gaps.push_back(std::uint32_t(shape.contourEnd(c)));
+    for (int i = shape.contourStart(c); i < shape.contourEnd(c); ++i)
+      byPoint.insert(std::uint64_t(i), std::min(shape.x(i), shape.x(i + 1)), std::min(shape.y(i), shape.y(i + 1)),
+                     std::max(shape.x(i), shape.x(i + 1)), std::max(shape.y(i), shape.y(i + 1)));
+  }
   std::uniform_real_distribution<double> u(-150, 150);
+  std::uniform_int_distribution<int> vertex(0, shape.pointCount() - 1);
   int in = 0;
   for (int k = 0; k < 3000; ++k) {
-    const double x = u(rng), y = k == 0 ? shape.y(5) : u(rng);  // the first runs through a vertex
-    ASSERT_EQ(index.pointInPolygon(x, y, edges.data()), shape.PointInPolygon(x, y)) << x << " " << y;
-    in += shape.PointInPolygon(x, y);
+    const double x = u(rng), y = k % 3 == 0 ? shape.y(vertex(rng)) : u(rng);  // a third through a vertex
+    const bool want = shape.PointInPolygon(x, y);
+    ASSERT_EQ(index.pointInPolygon(x, y, edges.data()), want) << x << " " << y;
+    ASSERT_EQ(byPoint.pointInPolygon(x, y, shape.pointData(), 3), want) << x << " " << y;
+    ASSERT_EQ(byPoint.pointInPolygon(x, y, shape.pointData(), 3, gaps.data(), gaps.size()), want) << x << " " << y;
+    in += want;
   }
   EXPECT_GT(in, 300);
 

@@ -95,6 +95,14 @@ public:
   // point n to point n + 1, points `stride` doubles apart (x then y). Leaves
   // whose segment is not an edge must not have been inserted.
   bool pointInPolygon(double x, double y, const double* points, std::size_t stride) const;
+  // The same answer without reading the leaf level, for a caller whose every
+  // leaf below count(0) was inserted once with exactly its segment's box,
+  // except the leaves listed in `gaps` (ascending), never inserted. The edge
+  // test's own y check is exact and the float boxes round monotonically, so
+  // an edge whose leaf box would not hold y cannot cross; reading only the
+  // levels above keeps a spilled leaf level on disk while queries run.
+  bool pointInPolygon(double x, double y, const double* points, std::size_t stride, const std::uint32_t* gaps,
+                      std::size_t gapCount) const;
 
   // Empty again: files closed and gone, in-memory arrays kept for reuse.
   void clear();
@@ -121,8 +129,10 @@ private:
   void Widen(int level, std::uint32_t index, const BoxRecord& b);
   void Spill(int level);
   void MakeRoom(int level, std::uint32_t index);
+  // gaps null: leaves are read; otherwise see the vouched pointInPolygon.
   template <typename Edge>
-  bool Crossings(double x, double y, Edge edge) const;
+  bool Crossings(double x, double y, Edge edge, const std::uint32_t* gaps = nullptr,
+                 const std::uint32_t* gapsEnd = nullptr) const;
 
   std::uint32_t maxLeafIndex_ = 0;
   std::int32_t topLevel_ = 0;
