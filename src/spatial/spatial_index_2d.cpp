@@ -307,7 +307,7 @@ bool SpatialIndex2D::Crossings(double x, double y, Edge edge, const std::uint32_
     const std::uint32_t n = std::min<std::uint32_t>(8, count_[level] - group);
     const BoxRecord* r = onFile_[level] ? files_[level]->peek(group) : arrays_[level] + group;
     unsigned m = 0;
-    for (std::uint32_t j = 0; j < n; ++j) m |= unsigned(yq >= r[j].minY && !(yq > r[j].maxY)) << j;
+    for (std::uint32_t j = 0; j < n; ++j) m |= unsigned((yq >= r[j].minY) & !(yq > r[j].maxY)) << j;
     first[level] = group;
     todo[level] = m;
     // The edges the walk will test load together rather than one miss
