@@ -15,6 +15,10 @@
 #include <new>
 #include <string>
 
+#if defined(__SSE2__) && !defined(KEL_NO_SIMD)
+#include <emmintrin.h>
+#endif
+
 #include "kel/core/log.h"
 #include "kel/core/path.h"
 #include "kel/core/text.h"
@@ -277,6 +281,37 @@ bool SpatialIndex2D::RangeCursor::next(std::int64_t& start, std::int64_t& end) {
 
 // ---------------------------------------------------------------- crossing test
 
+namespace {
+
+// Bit j set when record j's y range holds yq (yq >= minY, not yq > maxY).
+unsigned YMask(const BoxRecord* r, std::uint32_t n, float yq) {
+  unsigned m = 0;
+  for (std::uint32_t j = 0; j < n; ++j) m |= unsigned((yq >= r[j].minY) & !(yq > r[j].maxY)) << j;
+  return m;
+}
+
+#if defined(__SSE2__) && !defined(KEL_NO_SIMD)
+// Eight records at once: their minY and maxY gathered into two vectors per
+// four. The comparisons are the scalar ones, NaN included.
+unsigned YMask8(const BoxRecord* r, float yq) {
+  const float* f = &r->minX;
+  const __m128 q = _mm_set1_ps(yq);
+  unsigned m = 0;
+  for (int h = 0; h < 2; ++h, f += 16) {
+    const __m128 a = _mm_shuffle_ps(_mm_load_ps(f), _mm_load_ps(f + 4), _MM_SHUFFLE(3, 1, 3, 1));
+    const __m128 b = _mm_shuffle_ps(_mm_load_ps(f + 8), _mm_load_ps(f + 12), _MM_SHUFFLE(3, 1, 3, 1));
+    const __m128 lo = _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));  // minY of the four
+    const __m128 hi = _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));  // maxY
+    m |= unsigned(_mm_movemask_ps(_mm_and_ps(_mm_cmpge_ps(q, lo), _mm_cmpngt_ps(q, hi)))) << (4 * h);
+  }
+  return m;
+}
+#else
+unsigned YMask8(const BoxRecord* r, float yq) { return YMask(r, 8, yq); }
+#endif
+
+}  // namespace
+
 template <typename Edge>
 bool SpatialIndex2D::Crossings(double x, double y, Edge edge, const std::uint32_t* gaps,
                                const std::uint32_t* gapsEnd) const {
@@ -306,8 +341,7 @@ bool SpatialIndex2D::Crossings(double x, double y, Edge edge, const std::uint32_
   const auto enter = [&](int level, std::uint32_t group) {
     const std::uint32_t n = std::min<std::uint32_t>(8, count_[level] - group);
     const BoxRecord* r = onFile_[level] ? files_[level]->peek(group) : arrays_[level] + group;
-    unsigned m = 0;
-    for (std::uint32_t j = 0; j < n; ++j) m |= unsigned((yq >= r[j].minY) & !(yq > r[j].maxY)) << j;
+    const unsigned m = n == 8 ? YMask8(r, yq) : YMask(r, n, yq);
     first[level] = group;
     todo[level] = m;
     // The edges the walk will test load together rather than one miss
