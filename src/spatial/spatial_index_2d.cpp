@@ -332,6 +332,74 @@ bool SpatialIndex2D::Crossings(double x, double y, Edge edge, const std::uint32_
   };
   // With vouched leaves the walk stops one level up and tests all eight.
   const int lowest = gaps && top > 0 ? 1 : 0;
+  const auto records = [&](int level, std::uint32_t group) {
+    return onFile_[level] ? files_[level]->peek(group) : arrays_[level] + group;
+  };
+  const auto testLeaves = [&](std::uint32_t node) {
+    const std::uint32_t last = std::min<std::uint32_t>(node * 8 + 8, count_[0]);
+    for (std::uint32_t n = node * 8; n < last; ++n) {
+      while (gaps != gapsEnd && *gaps < n) ++gaps;
+      if (gaps == gapsEnd || *gaps != n) cross(n);
+    }
+  };
+
+  // Breadth first while a level's qualifying nodes fit in the buffers: all
+  // of them are known before any child is read, so the cache misses of the
+  // separate places where the line meets the polygon overlap instead of
+  // queueing. Ascending node order is kept, which is the leaf order.
+  {
+    constexpr std::uint32_t kWide = 512;
+    constexpr std::uint32_t kAhead = 8;  // prefetch distance, in nodes
+    std::uint32_t bufA[kWide], bufB[kWide];
+    std::uint32_t *cur = bufA, *next = bufB;
+    std::uint32_t n = 0;
+    {
+      const std::uint32_t k = std::min<std::uint32_t>(8, count_[top]);
+      const BoxRecord* r = records(top, 0);
+      for (unsigned m = k == 8 ? YMask8(r, yq) : YMask(r, k, yq); m; m &= m - 1) cur[n++] = unsigned(__builtin_ctz(m));
+    }
+    bool wide = false;
+    for (int level = top; level > lowest && !wide; --level) {
+      const auto ahead = [&](std::uint32_t i) {
+        if (i >= n) return;
+        const BoxRecord* c = records(level - 1, 8 * cur[i]);
+        __builtin_prefetch(c);
+        __builtin_prefetch(c + 4);
+      };
+      for (std::uint32_t i = 0; i < kAhead; ++i) ahead(i);
+      std::uint32_t made = 0;
+      for (std::uint32_t i = 0; i < n; ++i) {
+        ahead(i + kAhead);
+        const std::uint32_t group = 8 * cur[i];
+        const std::uint32_t k = std::min<std::uint32_t>(8, count_[level - 1] - group);
+        const BoxRecord* r = records(level - 1, group);
+        unsigned m = k == 8 ? YMask8(r, yq) : YMask(r, k, yq);
+        if (made + unsigned(__builtin_popcount(m)) > kWide) {
+          wide = true;
+          break;
+        }
+        for (; m; m &= m - 1) next[made++] = group + unsigned(__builtin_ctz(m));
+      }
+      std::swap(cur, next);
+      n = made;
+    }
+    if (!wide) {
+      if (lowest == 0) {
+        for (std::uint32_t i = 0; i < n; ++i) cross(cur[i]);
+      } else {
+        if constexpr (requires { edge.prefetch(0u); })
+          for (std::uint32_t i = 0; i < std::min(n, kAhead); ++i) edge.prefetch(8 * cur[i]);
+        for (std::uint32_t i = 0; i < n; ++i) {
+          if constexpr (requires { edge.prefetch(0u); })
+            if (i + kAhead < n) edge.prefetch(8 * cur[i + kAhead]);
+          testLeaves(cur[i]);
+        }
+      }
+      return inside;
+    }
+  }
+
+  // Depth first, for lines along which too many boxes qualify.
   // The walk keeps, per level, the first node of the sibling group it is in
   // and a bit per sibling still to visit whose box holds y. Visiting the
   // bits in ascending order is the leaf order; one look at each group's
@@ -366,11 +434,7 @@ bool SpatialIndex2D::Crossings(double x, double y, Edge edge, const std::uint32_
     } else if (level == 0) {
       cross(node);
     } else {
-      const std::uint32_t last = std::min<std::uint32_t>(node * 8 + 8, count_[0]);
-      for (std::uint32_t n = node * 8; n < last; ++n) {
-        while (gaps != gapsEnd && *gaps < n) ++gaps;
-        if (gaps == gapsEnd || *gaps != n) cross(n);
-      }
+      testLeaves(node);
     }
   }
   return inside;

@@ -155,6 +155,35 @@ TEST(SpatialIndex2D, CrossingTestIsEvenOddOverTheEdges) {
   EXPECT_TRUE(AtPoint(empty, 0, 0).empty());
 }
 
+TEST(SpatialIndex2D, ALineAlongThousandsOfEdgesGivesTheSameAnswer) {
+  // A saw of 20000 teeth across y = 0: a line through them meets far more
+  // boxes per level than the breadth-first walk holds, so it goes depth first.
+  GeometryBuffer saw(0, FdoDimensionality_XY, false);
+  const int teeth = 20000;
+  saw.MoveTo(0, -0.5);
+  for (int i = 1; i <= teeth; ++i) saw.LineTo(i * 0.01, i % 2 ? 0.5 : -0.5);
+  saw.LineTo(teeth * 0.01, -10);
+  saw.LineTo(0, -10);
+  saw.Close();
+  SpatialIndex2D index;
+  for (int i = 0; i < saw.contourEnd(0); ++i)
+    index.insert(std::uint64_t(i), std::min(saw.x(i), saw.x(i + 1)), std::min(saw.y(i), saw.y(i + 1)),
+                 std::max(saw.x(i), saw.x(i + 1)), std::max(saw.y(i), saw.y(i + 1)));
+  const std::uint32_t gap = std::uint32_t(saw.contourEnd(0));
+  std::mt19937 rng(9);
+  std::uniform_real_distribution<double> ux(-1, teeth * 0.01 + 1), uy(-0.6, 0.6);
+  int in = 0;
+  for (int k = 0; k < 400; ++k) {
+    const double x = ux(rng), y = k % 4 == 0 ? -5.0 : uy(rng);  // a quarter below the teeth
+    const bool want = saw.PointInPolygon(x, y);
+    ASSERT_EQ(index.pointInPolygon(x, y, saw.pointData(), 3), want) << x << " " << y;
+    ASSERT_EQ(index.pointInPolygon(x, y, saw.pointData(), 3, &gap, 1), want) << x << " " << y;
+    in += want;
+  }
+  EXPECT_GT(in, 150);
+  EXPECT_LT(in, 350);
+}
+
 TEST(SpatialIndex2D, ALateRootTwoLevelsUpKeepsEarlierLeaves) {
   SpatialIndex2D index;
   for (int i = 0; i < 8; ++i) index.insert(std::uint64_t(i), i, 0, i + 1, 1);
