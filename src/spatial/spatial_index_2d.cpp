@@ -335,6 +335,16 @@ bool SpatialIndex2D::Crossings(double x, double y, Edge edge, const std::uint32_
   const auto records = [&](int level, std::uint32_t group) {
     return onFile_[level] ? files_[level]->peek(group) : arrays_[level] + group;
   };
+  // Bit j set when node group + j exists and its box holds the line.
+  const auto groupMask = [&](int level, std::uint32_t group) {
+    const std::uint32_t k = std::min<std::uint32_t>(8, count_[level] - group);
+    const BoxRecord* r = records(level, group);
+    return k == 8 ? YMask8(r, yq) : YMask(r, k, yq);
+  };
+  // The edges under a node of level 1, asked for before they are tested.
+  const auto prefetchEdges = [&](std::uint32_t node) {
+    if constexpr (requires { edge.prefetch(0u); }) edge.prefetch(8 * node);
+  };
   const auto testLeaves = [&](std::uint32_t node) {
     const std::uint32_t last = std::min<std::uint32_t>(node * 8 + 8, count_[0]);
     for (std::uint32_t n = node * 8; n < last; ++n) {
@@ -353,11 +363,7 @@ bool SpatialIndex2D::Crossings(double x, double y, Edge edge, const std::uint32_
     std::uint32_t bufA[kWide], bufB[kWide];
     std::uint32_t *cur = bufA, *next = bufB;
     std::uint32_t n = 0;
-    {
-      const std::uint32_t k = std::min<std::uint32_t>(8, count_[top]);
-      const BoxRecord* r = records(top, 0);
-      for (unsigned m = k == 8 ? YMask8(r, yq) : YMask(r, k, yq); m; m &= m - 1) cur[n++] = unsigned(__builtin_ctz(m));
-    }
+    for (unsigned m = groupMask(top, 0); m; m &= m - 1) cur[n++] = unsigned(__builtin_ctz(m));
     bool wide = false;
     for (int level = top; level > lowest && !wide; --level) {
       const auto ahead = [&](std::uint32_t i) {
@@ -371,9 +377,7 @@ bool SpatialIndex2D::Crossings(double x, double y, Edge edge, const std::uint32_
       for (std::uint32_t i = 0; i < n; ++i) {
         ahead(i + kAhead);
         const std::uint32_t group = 8 * cur[i];
-        const std::uint32_t k = std::min<std::uint32_t>(8, count_[level - 1] - group);
-        const BoxRecord* r = records(level - 1, group);
-        unsigned m = k == 8 ? YMask8(r, yq) : YMask(r, k, yq);
+        unsigned m = groupMask(level - 1, group);
         if (made + unsigned(__builtin_popcount(m)) > kWide) {
           wide = true;
           break;
@@ -387,11 +391,9 @@ bool SpatialIndex2D::Crossings(double x, double y, Edge edge, const std::uint32_
       if (lowest == 0) {
         for (std::uint32_t i = 0; i < n; ++i) cross(cur[i]);
       } else {
-        if constexpr (requires { edge.prefetch(0u); })
-          for (std::uint32_t i = 0; i < std::min(n, kAhead); ++i) edge.prefetch(8 * cur[i]);
+        for (std::uint32_t i = 0; i < std::min(n, kAhead); ++i) prefetchEdges(cur[i]);
         for (std::uint32_t i = 0; i < n; ++i) {
-          if constexpr (requires { edge.prefetch(0u); })
-            if (i + kAhead < n) edge.prefetch(8 * cur[i + kAhead]);
+          if (i + kAhead < n) prefetchEdges(cur[i + kAhead]);
           testLeaves(cur[i]);
         }
       }
@@ -407,16 +409,13 @@ bool SpatialIndex2D::Crossings(double x, double y, Edge edge, const std::uint32_
   std::uint32_t first[kMaxLevels];
   unsigned todo[kMaxLevels];
   const auto enter = [&](int level, std::uint32_t group) {
-    const std::uint32_t n = std::min<std::uint32_t>(8, count_[level] - group);
-    const BoxRecord* r = onFile_[level] ? files_[level]->peek(group) : arrays_[level] + group;
-    const unsigned m = n == 8 ? YMask8(r, yq) : YMask(r, n, yq);
+    const unsigned m = groupMask(level, group);
     first[level] = group;
     todo[level] = m;
     // The edges the walk will test load together rather than one miss
     // after another.
-    if constexpr (requires { edge.prefetch(0u); })
-      if (level == 1 && lowest == 1)
-        for (unsigned k = m; k; k &= k - 1) edge.prefetch(8 * (group + unsigned(__builtin_ctz(k))));
+    if (level == 1 && lowest == 1)
+      for (unsigned k = m; k; k &= k - 1) prefetchEdges(group + unsigned(__builtin_ctz(k)));
   };
   enter(top, 0);
   int level = top;
