@@ -264,12 +264,16 @@ struct Avx512Lanes {
 // lane type uses. When an edge function is exactly zero the three are
 // recomputed in double: a product of two floats is exact there, so the sign
 // is the true one and two triangles sharing the edge cannot both refuse.
-// out receives U, V, W, det and t.
+// A float edge function that is not zero already has the true sign (both
+// products round the same way), so one of each sign rules the triangle out
+// before that: a vertical ray meets every upright edge of a wall with an
+// edge function of exactly zero. out receives U, V, W, det and t.
 inline bool TestLane(const float* tx, const float* ty, const float* tz, int a, int b, int c, float* out) {
   const float ax = tx[a], ay = ty[a], bx = tx[b], by = ty[b], cx = tx[c], cy = ty[c];
   float u = cx * by - cy * bx;
   float v = ax * cy - ay * cx;
   float w = bx * ay - by * ax;
+  if ((u < 0.0f || v < 0.0f || w < 0.0f) && (u > 0.0f || v > 0.0f || w > 0.0f)) return false;
   if (u == 0.0f || v == 0.0f || w == 0.0f) {
     u = float(double(cx) * double(by) - double(cy) * double(bx));
     v = float(double(ax) * double(cy) - double(ay) * double(cx));
@@ -333,10 +337,11 @@ template <class L>
     const V v = L::Sub(L::Mul(ax, cy), L::Mul(ay, cx));
     const V w = L::Sub(L::Mul(bx, ay), L::Mul(by, ax));
     const unsigned active = (1u << (tris - base < L::W ? tris - base : L::W)) - 1;
-    const unsigned onEdge = (L::Eq(u, zero) | L::Eq(v, zero) | L::Eq(w, zero)) & active;
     const unsigned neg = L::Lt(u, zero) | L::Lt(v, zero) | L::Lt(w, zero);
     const unsigned pos = L::Gt(u, zero) | L::Gt(v, zero) | L::Gt(w, zero);
-    const unsigned inside = active & ~onEdge & ~(neg & pos);
+    const unsigned open = active & ~(neg & pos);  // not ruled out (see TestLane)
+    const unsigned onEdge = (L::Eq(u, zero) | L::Eq(v, zero) | L::Eq(w, zero)) & open;
+    const unsigned inside = open & ~onEdge;
     if (inside) {
       const V az = L::Pick(L::Z(tab), ia), bz = L::Pick(L::Z(tab), ib), cz = L::Pick(L::Z(tab), ic);
       const V det = L::Add(L::Add(u, v), w);
