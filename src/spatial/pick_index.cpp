@@ -192,7 +192,7 @@ public:
       : xyz_(vertices), vertexCount_(vertexCount), tri_(indices), triangleCount_(triangleCount) {}
 
   void run(pick_index::stats& st, PickData& d, Block<WideNode>& nodes, Block<std::uint8_t>& packets,
-           Block<ColumnCell>& cells, Block<ColumnEntry>& overflow) {
+           Block<ColumnCell>& cells, Block<ColumnEntry>& overflow, Block<std::uint32_t>& hints) {
     if (triangleCount_ >= kLeafBit) throw std::length_error("pick_index: too many triangles");
     st.triangles = int(triangleCount_);
     if (triangleCount_ == 0) return;
@@ -306,7 +306,7 @@ public:
     st.leaves = int(leaves_.size());
     st.nodeBytes = sizeof(WideNode) * wide_.size();
     st.packetBytes = kept;
-    BuildColumns(info, d, cells, overflow, st);
+    BuildColumns(info, d, cells, overflow, hints, st);
   }
 
 private:
@@ -575,7 +575,7 @@ private:
   }
 
   void BuildColumns(const std::vector<PacketInfo>& info, PickData& d, Block<ColumnCell>& cellBlock,
-                    Block<ColumnEntry>& overflow, pick_index::stats& st) {
+                    Block<ColumnEntry>& overflow, Block<std::uint32_t>& hints, pick_index::stats& st) {
     Bounds all;
     std::size_t live = 0;
     for (const PacketInfo& p : info)
@@ -654,8 +654,15 @@ private:
     }
     cellBlock = Allocate<ColumnCell>(cells);
     overflow = Allocate<ColumnEntry>(std::max<std::size_t>(1, spill));
+    hints = Allocate<std::uint32_t>(cells);
     std::size_t at = 0;
     for (std::size_t i = 0; i < cells; ++i) {
+      // The hint: the highest-topped packet whose box holds the centre.
+      constexpr int mid = kFine / 2;
+      const auto centre = std::find_if(entries.begin() + start[i], entries.begin() + start[i + 1], [](const ColumnEntry& e) {
+        return e.x0 <= mid && mid <= e.x1 && e.y0 <= mid && mid <= e.y1;
+      });
+      hints[i] = centre == entries.begin() + start[i + 1] ? kNoChild : centre->packet;
       ColumnCell& cell = cellBlock[i];
       std::memset(&cell, 0, sizeof cell);
       const std::uint32_t n = start[i + 1] - start[i];
@@ -672,10 +679,11 @@ private:
     }
     c.cells = cellBlock.get();
     c.overflow = overflow.get();
+    c.hint = hints.get();
     d.columns = c;
     st.columns = int(cells);
     st.columnEntries = total;
-    st.columnBytes = sizeof(ColumnCell) * cells + sizeof(ColumnEntry) * std::max<std::size_t>(1, spill);
+    st.columnBytes = (sizeof(ColumnCell) + 4) * cells + sizeof(ColumnEntry) * std::max<std::size_t>(1, spill);
   }
 
   const float* xyz_;
@@ -699,6 +707,7 @@ struct pick_index::impl {
   Block<std::uint8_t> packets;
   Block<ColumnCell> columnCells;
   Block<ColumnEntry> columnOverflow;
+  Block<std::uint32_t> columnHints;
   stats st;
   double seconds = 0;
   pick_kernel kernel = bestKernel();
@@ -732,7 +741,7 @@ pick_index::pick_index(const float* vertices, std::size_t vertexCount, const std
     : pick_index() {
   const auto began = std::chrono::steady_clock::now();
   Builder(vertices, vertexCount, indices, triangleCount)
-      .run(d_->st, d_->data, d_->nodes, d_->packets, d_->columnCells, d_->columnOverflow);
+      .run(d_->st, d_->data, d_->nodes, d_->packets, d_->columnCells, d_->columnOverflow, d_->columnHints);
   d_->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
 }
 

@@ -382,14 +382,15 @@ template <class N>
   }
   const V limit = N::Set1(cut), robust = N::Set1(kRobustFar), zero = N::Set1(0.0f);
   // A plane's entry or exit distance: decode, then the slab test's (p - o) / d.
-  const auto at = [&](int plane, int c) {
-    const int a = plane % 3;
-    return N::Mul(N::Sub(N::Add(N::Mul(N::LoadQ(n.q[plane] + c), scale[a]), origin[a]), o[a]), inv[a]);
+  // The axis is known here; only which row is near depends on the ray.
+  const auto at = [&](int a, int row, int c) {
+    return N::Mul(N::Sub(N::Add(N::Mul(N::LoadQ(n.q[row] + c), scale[a]), origin[a]), o[a]), inv[a]);
   };
+  const int n0 = r.near[0], n1 = r.near[1], n2 = r.near[2], f0 = r.far[0], f1 = r.far[1], f2 = r.far[2];
   unsigned mask = 0;
   for (int c = 0; c < kWidth; c += N::W) {
-    const V tnear = N::Max(N::Max(at(r.near[0], c), at(r.near[1], c)), N::Max(at(r.near[2], c), zero));
-    const V tfar = N::Min(N::Min(at(r.far[0], c), at(r.far[1], c)), at(r.far[2], c));
+    const V tnear = N::Max(N::Max(at(0, n0, c), at(1, n1, c)), N::Max(at(2, n2, c), zero));
+    const V tfar = N::Min(N::Min(at(0, f0, c), at(1, f1, c)), at(2, f2, c));
     mask |= N::Le(tnear, N::Min(N::Mul(tfar, robust), limit)) << c;
     N::Store(tn + c, tnear);
   }
@@ -493,7 +494,9 @@ void ColumnWalk(const PickData& d, const PickRay& r, PickBest& b) {
   const float x = r.o[0], y = r.o[1], z = r.o[2];
   if (!(x >= c.x0 && x <= c.x1 && y >= c.y0 && y <= c.y1)) return;
   const int fx = Fine(x, c.x0, c.sx, c.nx), fy = Fine(y, c.y0, c.sy, c.ny);
-  const ColumnCell& cell = c.cells[std::size_t(fy / kFine) * std::size_t(c.nx) + std::size_t(fx / kFine)];
+  const std::size_t at = std::size_t(fy / kFine) * std::size_t(c.nx) + std::size_t(fx / kFine);
+  if (c.hint[at] != kNoChild) PrefetchLines(d.packets + 4 * std::size_t(c.hint[at]), kPacketLines);
+  const ColumnCell& cell = c.cells[at];
   const int qx = fx % kFine, qy = fy % kFine;
   const float perUnit = -1.0f / r.dir[2];
   const ColumnEntry* e = cell.entry;
