@@ -23,10 +23,6 @@
 namespace kel::fdo::detail {
 namespace {
 
-// Robust traversal (Ize, "Robust BVH Ray Traversal", JCGT 2013): widening
-// the far distance by 2 gamma(3) keeps the float slab test from missing a
-// box that the ray touches, so a hit on a box face is never pruned.
-constexpr float kRobustFar = 1.0000004f;
 
 // A lane type offers the float operations, comparisons giving bit masks,
 // and the packet-specific pieces: Shear (the packet's vertices moved into
@@ -375,23 +371,23 @@ template <class L>
 template <class N>
 [[gnu::always_inline]] inline unsigned TestNode(const WideNode& n, const PickRay& r, float cut, float* tn) {
   using V = typename N::V;
-  V o[3], inv[3], scale[3], origin[3];
+  V o[3], inv[3], invFar[3], scale[3], origin[3];
   for (int a = 0; a < 3; ++a) {
-    o[a] = N::Set1(r.o[a]), inv[a] = N::Set1(r.inv[a]);
+    o[a] = N::Set1(r.o[a]), inv[a] = N::Set1(r.inv[a]), invFar[a] = N::Set1(r.invFar[a]);
     scale[a] = N::Set1(n.scale[a]), origin[a] = N::Set1(n.origin[a]);
   }
-  const V limit = N::Set1(cut), robust = N::Set1(kRobustFar), zero = N::Set1(0.0f);
+  const V limit = N::Set1(cut), zero = N::Set1(0.0f);
   // A plane's entry or exit distance: decode, then the slab test's (p - o) / d.
   // The axis is known here; only which row is near depends on the ray.
-  const auto at = [&](int a, int row, int c) {
-    return N::Mul(N::Sub(N::Add(N::Mul(N::LoadQ(n.q[row] + c), scale[a]), origin[a]), o[a]), inv[a]);
+  const auto at = [&](int a, int row, int c, const V* by) {
+    return N::Mul(N::Sub(N::Add(N::Mul(N::LoadQ(n.q[row] + c), scale[a]), origin[a]), o[a]), by[a]);
   };
   const int n0 = r.near[0], n1 = r.near[1], n2 = r.near[2], f0 = r.far[0], f1 = r.far[1], f2 = r.far[2];
   unsigned mask = 0;
   for (int c = 0; c < kWidth; c += N::W) {
-    const V tnear = N::Max(N::Max(at(0, n0, c), at(1, n1, c)), N::Max(at(2, n2, c), zero));
-    const V tfar = N::Min(N::Min(at(0, f0, c), at(1, f1, c)), at(2, f2, c));
-    mask |= N::Le(tnear, N::Min(N::Mul(tfar, robust), limit)) << c;
+    const V tnear = N::Max(N::Max(at(0, n0, c, inv), at(1, n1, c, inv)), N::Max(at(2, n2, c, inv), zero));
+    const V tfar = N::Min(N::Min(at(0, f0, c, invFar), at(1, f1, c, invFar)), at(2, f2, c, invFar));
+    mask |= (N::Le(tnear, tfar) & N::Le(tnear, limit)) << c;
     N::Store(tn + c, tnear);
   }
   return mask & n.valid;

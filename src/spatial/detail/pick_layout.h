@@ -148,11 +148,19 @@ struct PickRay {
   int kx, ky, kz;
   float sx, sy, sz;
   float inv[3];    // 1 / dir, kept finite (see PrepareRay)
+  float invFar[3];  // inv widened for exit distances (see PrepareRay)
   int near[3];     // each axis's near plane (0-5, as WideNode::q)
   int far[3];
   float slack;     // absolute part of the pruning margin
   bool down;       // exactly vertical, downward: the column walk applies
 };
+
+// Robust traversal (Ize, "Robust BVH Ray Traversal", JCGT 2013): exit
+// distances computed with the reciprocal widened by a few units of rounding
+// (2 gamma(3) in the paper, which widens the distance itself; one rounding
+// more here) keep the float slab test from missing a box the ray touches,
+// so a hit on a box face is never pruned.
+constexpr float kRobustFar = 1.000001f;
 
 // Fills the per-ray constants; false for a ray that can hit nothing.
 // maxAbs is the largest coordinate magnitude of the soup (for the margin).
@@ -177,6 +185,7 @@ inline bool PrepareRay(const ray& in, float maxAbs, PickRay& r) {
     // A zero or tiny direction gets a large finite inverse, so the slab
     // test never meets 0 x inf (Embree does the same below 1e-18).
     r.inv[a] = std::fabs(r.dir[a]) >= 1e-18f ? 1.0f / r.dir[a] : std::copysign(1e18f, r.dir[a]);
+    r.invFar[a] = r.inv[a] * kRobustFar;
     const bool back = r.inv[a] < 0.0f;
     r.near[a] = (back ? 3 : 0) + a;
     r.far[a] = (back ? 0 : 3) + a;
