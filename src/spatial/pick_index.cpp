@@ -236,6 +236,7 @@ public:
     std::size_t capacity = std::size_t(n) * 20 + 4096 + 64, bytes = 0;
     Block<std::uint8_t> draft(static_cast<std::uint8_t*>(AllocBlock(capacity, 64)));
     std::vector<PacketInfo> info;
+    info.reserve(n / 12 + 16);
     nodes = Allocate<WideNode>(std::max<std::size_t>(1, wide_.size()));
     std::copy(wide_.begin(), wide_.end(), nodes.get());
     for (const Leaf& leaf : leaves_) {
@@ -384,9 +385,13 @@ private:
       float rightCost[kBins];
       Box4 acc;
       std::uint32_t cnt = 0;
+      float cost = -1.0f;  // unchanged across empty bins
       for (int k = kBins - 1; k > 0; --k) {
-        if (counts[a][k]) acc.grow(bins[a][k].lo, bins[a][k].hi), cnt += counts[a][k];
-        rightCost[k] = cnt ? acc.halfArea() * float((cnt * step + kLeafTriangles - 1) / kLeafTriangles) : -1.0f;
+        if (counts[a][k]) {
+          acc.grow(bins[a][k].lo, bins[a][k].hi), cnt += counts[a][k];
+          cost = acc.halfArea() * float((cnt * step + kLeafTriangles - 1) / kLeafTriangles);
+        }
+        rightCost[k] = cost;
       }
       acc = Box4();
       cnt = 0;
@@ -516,14 +521,28 @@ private:
 
   std::uint8_t* Write(const Draft& p, std::uint8_t* at, Bounds& box) {
     const int nv = p.vertices;
-    for (int t = 0; t < p.triangles; ++t) {
+    // Every vertex belongs to a triangle, so when all are finite the box
+    // of the vertices is the box of the triangles.
+    bool finite = true;
+    for (int j = 0; j < nv; ++j) {
+      float q[3];
+      p.vertex(j, q);
+      finite &= Finite3(q);
+    }
+    const auto take = [&](const float* q) {
+      box.grow(q);
+      for (int a = 0; a < 3; ++a) maxAbs_ = std::max(maxAbs_, std::fabs(q[a]));
+    };
+    for (int j = 0; j < nv && finite; ++j) {
+      float q[3];
+      p.vertex(j, q);
+      take(q);
+    }
+    for (int t = 0; t < p.triangles && !finite; ++t) {
       float c[3][3];
       for (int k = 0; k < 3; ++k) p.vertex(p.corner[t][k], c[k]);
       if (!Finite3(c[0]) || !Finite3(c[1]) || !Finite3(c[2])) continue;  // never hit
-      for (const float* q : c) {
-        box.grow(q);
-        for (int a = 0; a < 3; ++a) maxAbs_ = std::max(maxAbs_, std::fabs(q[a]));
-      }
+      for (const float* q : c) take(q);
     }
     PacketHeader h{};
     h.triangles = std::uint8_t(p.triangles);
