@@ -23,7 +23,6 @@
 namespace kel::fdo::detail {
 namespace {
 
-
 // A lane type offers the float operations, comparisons giving bit masks,
 // and the packet-specific pieces: Shear (the packet's vertices moved into
 // the ray's frame, kept as a table), Corners (the vertex numbers of corner
@@ -260,10 +259,11 @@ struct Avx512Lanes {
 // lane type uses. When an edge function is exactly zero the three are
 // recomputed in double: a product of two floats is exact there, so the sign
 // is the true one and two triangles sharing the edge cannot both refuse.
-// A float edge function that is not zero already has the true sign (both
-// products round the same way), so one of each sign rules the triangle out
-// before that: a vertical ray meets every upright edge of a wall with an
-// edge function of exactly zero. out receives U, V, W, det and t.
+// A float edge function that is not zero already has the true sign
+// (rounding is monotonic, so a difference of two rounded products is never
+// of the wrong sign), so one of each sign rules the triangle out before
+// that: a vertical ray meets every upright edge of a wall with an edge
+// function of exactly zero. out receives U, V, W, det and t.
 inline bool TestLane(const float* tx, const float* ty, const float* tz, int a, int b, int c, float* out) {
   const float ax = tx[a], ay = ty[a], bx = tx[b], by = ty[b], cx = tx[c], cy = ty[c];
   float u = cx * by - cy * bx;

@@ -147,7 +147,7 @@ struct PickRay {
   float dir[3];
   int kx, ky, kz;
   float sx, sy, sz;
-  float inv[3];    // 1 / dir, kept finite (see PrepareRay)
+  float inv[3];     // 1 / dir, kept finite (see PrepareRay)
   float invFar[3];  // inv widened for exit distances (see PrepareRay)
   int near[3];     // each axis's near plane (0-5, as WideNode::q)
   int far[3];
