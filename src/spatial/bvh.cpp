@@ -58,10 +58,12 @@ using FreeDeleter = detail::BlockFree;
 
 // Build scratch for one primitive, kept in slot order and swapped along with
 // the index array, so every pass over a node's slice reads memory in sequence.
+// The centroid is worked out where it is needed rather than stored: a third
+// less memory to fill and to sweep at every level.
 struct alignas(16) Prim {
   float lo[4];
   float hi[4];
-  float c[4];
+  float centre(int a) const { return (lo[a] + hi[a]) * 0.5f; }
 };
 
 struct Bounds {
@@ -75,9 +77,10 @@ inline void ResetBounds(Bounds& b) {
 }
 
 inline void Grow(Bounds& b, const Prim& p) {
-  const Lane4 c = Load(p.c);
-  b.lo = Min(b.lo, Load(p.lo));
-  b.hi = Max(b.hi, Load(p.hi));
+  const Lane4 lo = Load(p.lo), hi = Load(p.hi);
+  const Lane4 c = Mul(Add(lo, hi), Set1(0.5f));
+  b.lo = Min(b.lo, lo);
+  b.hi = Max(b.hi, hi);
   b.clo = Min(b.clo, c);
   b.chi = Max(b.chi, c);
 }
@@ -97,20 +100,25 @@ inline void WriteBox(node& n, const Bounds& b) {
 // Two-ended partition of [begin, end) on axis `a`: centroids below the split
 // go left. The bounds of both sides are gathered on the way, so the children
 // never need a pass of their own.
-int Partition(Prim* prims, std::uint32_t* idx, int begin, int end, int a, float split, Bounds& left,
-              Bounds& right) {
+int Partition(Prim* prims, std::uint32_t* idx, int begin, int end, int a, float split, Bounds& leftOut,
+              Bounds& rightOut) {
+  // Local accumulators: the swaps below could alias the callers' bounds,
+  // which would keep them in memory for the whole loop.
+  Bounds left, right;
   ResetBounds(left);
   ResetBounds(right);
   int i = begin, j = end - 1;
   for (;;) {
-    while (i <= j && prims[i].c[a] < split) Grow(left, prims[i++]);
-    while (i <= j && !(prims[j].c[a] < split)) Grow(right, prims[j--]);
+    while (i <= j && prims[i].centre(a) < split) Grow(left, prims[i++]);
+    while (i <= j && !(prims[j].centre(a) < split)) Grow(right, prims[j--]);
     if (i > j) break;
     std::swap(prims[i], prims[j]);
     std::swap(idx[i], idx[j]);
     Grow(left, prims[i++]);
     Grow(right, prims[j--]);
   }
+  leftOut = left;
+  rightOut = right;
   return i - begin;
 }
 
@@ -136,14 +144,12 @@ void bvh::build(bvh_primitive_iterator& primitives) {
   primitiveIndices.reset(AllocAligned<std::uint32_t>(std::size_t(n)));
   primitiveCount = n;
   std::uint32_t* idx = primitiveIndices.get();
-  const Lane4 half = Set1(0.5f);
   for (int i = 0; i < n; ++i) {
     alignas(16) box b;
     primitives.getBox(i, b);
     Prim& p = prims[i];
     std::memcpy(p.lo, b.min, sizeof(p.lo));
     std::memcpy(p.hi, b.max, sizeof(p.hi));
-    Store(p.c, Mul(Add(Load(p.lo), Load(p.hi)), half));
     idx[i] = std::uint32_t(i);
   }
 

@@ -203,22 +203,32 @@ public:
     // Triangles with a non-finite vertex are never hit: they go last, into
     // one leaf with an empty box that no ray visits.
     std::uint32_t live = 0, dead = n;
-    Group all;
+    // Locals for everything the loop reads: its vector stores may alias
+    // anything, and members would be reloaded at every triangle.
+    const float* const xyz = xyz_;
+    const std::uint32_t* const tri = tri_;
+    const std::size_t vertexCount = vertexCount_;
+    Ref* const refs = refs_.get();
+    std::uint32_t* const prims = prims_.get();
+    Group acc;
     for (std::uint32_t i = 0; i < n; ++i) {
-      const std::uint32_t* t = tri_ + 3 * std::size_t(i);
-      if (t[0] >= vertexCount_ || t[1] >= vertexCount_ || t[2] >= vertexCount_) Invalid("an index names no vertex");
-      const float* v[3] = {xyz_ + 3 * std::size_t(t[0]), xyz_ + 3 * std::size_t(t[1]), xyz_ + 3 * std::size_t(t[2])};
+      const std::uint32_t* t = tri + 3 * std::size_t(i);
+      if (t[0] >= vertexCount || t[1] >= vertexCount || t[2] >= vertexCount) Invalid("an index names no vertex");
+      const float* v[3] = {xyz + 3 * std::size_t(t[0]), xyz + 3 * std::size_t(t[1]), xyz + 3 * std::size_t(t[2])};
       const bool finite = Finite3(v[0]) && Finite3(v[1]) && Finite3(v[2]);
       const std::uint32_t at = finite ? live++ : --dead;
-      Ref& r = refs_[at];
+      alignas(16) Ref r;
       for (int a = 0; a < 3; ++a) {
         r.lo[a] = std::min(std::min(v[0][a], v[1][a]), v[2][a]);
         r.hi[a] = std::max(std::max(v[0][a], v[1][a]), v[2][a]);
       }
       r.lo[3] = r.hi[3] = 0.0f;
-      prims_[at] = i;
-      if (finite) Grow(all, r);
+      refs[at] = r;
+      prims[at] = i;
+      if (finite) Grow(acc, r);
     }
+    Group all;
+    all.box = acc.box, all.centres = acc.centres;
     all.end = live;
     wide_.reserve(n / 48 + 16);  // about what the benchmark tile needs
     boxes_.reserve((n / 48 + 16) * kWidth);
@@ -368,8 +378,9 @@ private:
     Box4 bins[3][kBins];
     std::uint32_t counts[3][kBins] = {};
     const std::uint32_t step = n > kSample ? n / kSample : 1;
-    for (std::uint32_t i = g.begin; i < g.end; i += step) {
-      const Lane4 lo = Load(refs_[i].lo), hi = Load(refs_[i].hi);
+    const Ref* const refs = refs_.get();  // the bins' stores may alias the member
+    for (std::uint32_t i = g.begin, end = g.end; i < end; i += step) {
+      const Lane4 lo = Load(refs[i].lo), hi = Load(refs[i].hi);
       int k[3];
       Bins3(Mul(Sub(Add(lo, hi), origin), scales), k);
       for (int a = 0; a < 3; ++a) {
@@ -415,21 +426,25 @@ private:
 
   // Moves g's triangles so that the planned left part comes first and
   // gathers both parts' boxes on the way.
-  void Split(const Group& g, Group& left, Group& right) {
-    const int a = g.axis;
+  void Split(const Group& g, Group& leftOut, Group& rightOut) {
+    // Locals throughout: the swaps' vector stores may alias anything, which
+    // would keep members and the callers' groups in memory for the loop.
+    Ref* const refs = refs_.get();
+    std::uint32_t* const prims = prims_.get();
+    const int a = g.axis, bin = g.bin;
+    const float origin = g.origin, scale = g.scale;
     std::uint32_t i = g.begin, j = g.end;
-    left = Group();
-    right = Group();
-    auto goesLeft = [&](const Ref& r) { return BinOf(((r.lo[a] + r.hi[a]) - g.origin) * g.scale) <= g.bin; };
+    Group left, right;
+    auto goesLeft = [&](const Ref& r) { return BinOf(((r.lo[a] + r.hi[a]) - origin) * scale) <= bin; };
     while (i < j) {
-      if (goesLeft(refs_[i])) {
-        Grow(left, refs_[i++]);
+      if (goesLeft(refs[i])) {
+        Grow(left, refs[i++]);
         continue;
       }
       --j;
-      std::swap(refs_[i], refs_[j]);
-      std::swap(prims_[i], prims_[j]);
-      Grow(right, refs_[j]);
+      std::swap(refs[i], refs[j]);
+      std::swap(prims[i], prims[j]);
+      Grow(right, refs[j]);
     }
     left.begin = g.begin, left.end = i;
     right.begin = i, right.end = g.end;
@@ -438,9 +453,11 @@ private:
       const std::uint32_t mid = g.begin + g.count() / 2;
       left = Group(), right = Group();
       left.begin = g.begin, left.end = mid, right.begin = mid, right.end = g.end;
-      for (std::uint32_t k = left.begin; k < left.end; ++k) Grow(left, refs_[k]);
-      for (std::uint32_t k = right.begin; k < right.end; ++k) Grow(right, refs_[k]);
+      for (std::uint32_t k = left.begin; k < left.end; ++k) Grow(left, refs[k]);
+      for (std::uint32_t k = right.begin; k < right.end; ++k) Grow(right, refs[k]);
     }
+    leftOut = left;
+    rightOut = right;
   }
 
   // g as child `slot` of `parent`: a leaf, or a wide node made by splitting
