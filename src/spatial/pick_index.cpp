@@ -657,7 +657,13 @@ private:
     // Every cell's entries, gathered by counting first.
     const std::size_t cells = std::size_t(c.nx) * std::size_t(c.ny);
     std::vector<std::uint32_t> start(cells + 1, 0);
-    std::vector<ColumnEntry> entries(total);
+    // Each entry with its packet's top (the header's maxZ), so sorting
+    // never reads the packets themselves.
+    struct Keyed {
+      float top;
+      ColumnEntry e;
+    };
+    std::vector<Keyed> entries(total);
     auto each = [&](const PacketInfo& p, auto&& f) {
       const Span sp = span(p.box);
       for (int y = sp.y0 / kFine; y <= sp.y1 / kFine; ++y)
@@ -673,17 +679,17 @@ private:
     for (std::size_t i = 0; i < cells; ++i) start[i + 1] += start[i];
     std::vector<std::uint32_t> fill(start.begin(), start.end() - 1);
     for (const PacketInfo& p : info)
-      if (!p.box.empty()) each(p, [&](std::size_t cell, const ColumnEntry& ce) { entries[fill[cell]++] = ce; });
+      if (!p.box.empty())
+        each(p, [&](std::size_t cell, const ColumnEntry& ce) {
+          entries[fill[cell]++] = Keyed{p.box.hi[2], ce};
+        });
     // Highest top first; equal tops in packet order, so the build is
     // deterministic. The first seven go into the cell's line, the rest
     // (ended by a kNoChild entry) into the overflow list.
-    const std::uint8_t* block = d.packets;
-    const auto top = [block](const ColumnEntry& e) { return Header(block + 4 * std::size_t(e.packet)).maxZ; };
     std::size_t spill = 0;
     for (std::size_t i = 0; i < cells; ++i) {
-      std::sort(entries.begin() + start[i], entries.begin() + start[i + 1], [&](const ColumnEntry& a, const ColumnEntry& b) {
-        const float ta = top(a), tb = top(b);
-        return ta > tb || (ta == tb && a.packet < b.packet);
+      std::sort(entries.begin() + start[i], entries.begin() + start[i + 1], [](const Keyed& a, const Keyed& b) {
+        return a.top > b.top || (a.top == b.top && a.e.packet < b.e.packet);
       });
       const std::uint32_t n = start[i + 1] - start[i];
       if (n > std::uint32_t(kInlineEntries)) spill += n - kInlineEntries + 1;
@@ -695,20 +701,19 @@ private:
     for (std::size_t i = 0; i < cells; ++i) {
       // The hint: the highest-topped packet whose box holds the centre.
       constexpr int mid = kFine / 2;
-      const auto centre = std::find_if(entries.begin() + start[i], entries.begin() + start[i + 1], [](const ColumnEntry& e) {
-        return e.x0 <= mid && mid <= e.x1 && e.y0 <= mid && mid <= e.y1;
+      const auto centre = std::find_if(entries.begin() + start[i], entries.begin() + start[i + 1], [](const Keyed& k) {
+        return k.e.x0 <= mid && mid <= k.e.x1 && k.e.y0 <= mid && mid <= k.e.y1;
       });
-      hints[i] = centre == entries.begin() + start[i + 1] ? kNoChild : centre->packet;
+      hints[i] = centre == entries.begin() + start[i + 1] ? kNoChild : centre->e.packet;
       ColumnCell& cell = cellBlock[i];
       std::memset(&cell, 0, sizeof cell);
       const std::uint32_t n = start[i + 1] - start[i];
       const std::uint32_t here = std::min<std::uint32_t>(n, kInlineEntries);
-      std::copy(entries.begin() + start[i], entries.begin() + start[i] + here, cell.entry);
+      for (std::uint32_t k = 0; k < here; ++k) cell.entry[k] = entries[start[i] + k].e;
       std::uint32_t more = kNoOverflow;
       if (n > here) {
         more = std::uint32_t(at);
-        std::copy(entries.begin() + start[i] + here, entries.begin() + start[i + 1], overflow.get() + at);
-        at += n - here;
+        for (std::uint32_t k = here; k < n; ++k) overflow[at++] = entries[start[i] + k].e;
         overflow[at++] = ColumnEntry{kNoChild, 0, 0, 0, 0};
       }
       cell.more = (more << 3) | here;
