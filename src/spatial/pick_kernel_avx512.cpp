@@ -1,5 +1,5 @@
 // The AVX-512 kernel of the pick index: sixteen triangles per pass, node
-// boxes on eight lanes. Built with -mavx512f and only called after the
+// boxes on sixteen lanes. Built with -mavx512f and only called after the
 // processor said it has AVX-512F.
 #include "spatial/detail/pick_kernel.h"
 

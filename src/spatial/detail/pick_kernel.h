@@ -366,7 +366,7 @@ template <class L>
   }
 }
 
-// Box test of a node's eight children. Returns the mask of children the ray
+// Box test of a node's sixteen children. Returns the mask of children the ray
 // enters before the cutoff, with their entry distances in tn.
 template <class N>
 [[gnu::always_inline]] inline unsigned TestNode(const WideNode& n, const PickRay& r, float cut, float* tn) {
@@ -420,7 +420,7 @@ struct StackItem {
 };
 
 // Deep enough for any tree the builder makes: it never nests wide nodes
-// deeper than the binary tree (below 64), and a level pushes at most 7.
+// deeper than the binary tree (below 64), and a level pushes at most 15.
 constexpr int kPickStack = 64 * (kWidth - 1) + kWidth;
 
 template <class T>

@@ -1,6 +1,6 @@
 // Memory layout of the pick index, shared by its builder and every kernel.
 //
-// Wide nodes hold up to eight children with their boxes side by side per
+// Wide nodes hold up to sixteen children with their boxes side by side per
 // axis. A leaf is a run of packets; a packet is up to 16 triangles of
 // consecutive tree slots that share at most 16 distinct vertices, stored once
 // each (structure of arrays) with three 4-bit corner indices per triangle
