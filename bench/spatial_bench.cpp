@@ -3,7 +3,8 @@
 // Scene: a 1000 x 1000 quad terrain at 2 m spacing with smooth noisy heights,
 // plus 20,000 box buildings (12 triangles each) on a jittered lattice, about
 // 2.24 million triangles. Measured: builds, memory, vertical picks and random
-// downward rays one at a time, and batches on one and two threads.
+// downward rays one at a time (random rays also over small sets that stay in
+// cache), and batches on one and two threads.
 //
 // Before any timing every ray is checked: the pick index against the exact
 // walk, Embree against the pick index, every kernel against the default
@@ -387,16 +388,22 @@ void BM_Build_Ours(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * w.scene.triangles());
 }
 
+// One pick per iteration, cycling through the first n rays (a power of two).
+template <class PickOne>
+void PickEach(benchmark::State& state, const std::vector<ray>& rays, std::size_t n, PickOne pick) {
+  std::size_t i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(pick(rays[i]));
+    i = (i + 1) & (n - 1);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
 template <bool Vertical>
 void BM_Pick_Exact(benchmark::State& state) {
   World& w = TheWorld();
   const auto& rays = Vertical ? w.vertical : w.random;
-  std::size_t i = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(PickExact(*w.tile, rays[i]));
-    i = (i + 1) & (rays.size() - 1);
-  }
-  state.SetItemsProcessed(state.iterations());
+  PickEach(state, rays, rays.size(), [&](const ray& r) { return PickExact(*w.tile, r); });
 }
 
 template <bool Vertical>
@@ -404,12 +411,15 @@ void BM_Pick_Fast(benchmark::State& state) {
   World& w = TheWorld();
   const auto& rays = Vertical ? w.vertical : w.random;
   const pick_index& index = *w.tile->getPickIndex();
-  std::size_t i = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(PickFast(index, rays[i]));
-    i = (i + 1) & (rays.size() - 1);
-  }
-  state.SetItemsProcessed(state.iterations());
+  PickEach(state, rays, rays.size(), [&](const ray& r) { return PickFast(index, r); });
+}
+
+// Random rays over only the first range(0) of the set, so the memory they
+// touch stays in cache: what picks near the cursor look like.
+void BM_Pick_FastWarm(benchmark::State& state) {
+  World& w = TheWorld();
+  const pick_index& index = *w.tile->getPickIndex();
+  PickEach(state, w.random, std::size_t(state.range(0)), [&](const ray& r) { return PickFast(index, r); });
 }
 
 // All rays of a set per iteration through the batch call, on 1 or 2 threads.
@@ -443,12 +453,12 @@ template <bool Vertical>
 void BM_Pick_Embree(benchmark::State& state) {
   World& w = TheWorld();
   const auto& rays = Vertical ? w.vertical : w.random;
-  std::size_t i = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(PickEmbree(w.embree, rays[i]));
-    i = (i + 1) & (rays.size() - 1);
-  }
-  state.SetItemsProcessed(state.iterations());
+  PickEach(state, rays, rays.size(), [&](const ray& r) { return PickEmbree(w.embree, r); });
+}
+
+void BM_Pick_EmbreeWarm(benchmark::State& state) {
+  World& w = TheWorld();
+  PickEach(state, w.random, std::size_t(state.range(0)), [&](const ray& r) { return PickEmbree(w.embree, r); });
 }
 
 // Embree's batch calls on the same rays: packets of 16 (Arg 0) or streams of
@@ -502,6 +512,9 @@ public:
     ratio("build exact / Embree (speed)", "BM_Build_Exact", "BM_Build_Embree");
     ratio("vertical picks, index / Embree", "BM_Pick_Fast<true>", "BM_Pick_Embree<true>");
     ratio("random rays, index / Embree", "BM_Pick_Fast<false>", "BM_Pick_Embree<false>");
+    for (const char* n : {"256", "4096", "65536"})
+      ratio((std::string("random rays, first ") + n + " only, index / Embree").c_str(),
+            std::string("BM_Pick_FastWarm/rays:") + n, std::string("BM_Pick_EmbreeWarm/rays:") + n);
     ratio("vertical picks, exact / Embree", "BM_Pick_Exact<true>", "BM_Pick_Embree<true>");
     ratio("random rays, exact / Embree", "BM_Pick_Exact<false>", "BM_Pick_Embree<false>");
     ratio("vertical batch, index 2 threads / 1 thread", "BM_Batch_Fast<true>/threads:2", "BM_Batch_Fast<true>/threads:1");
@@ -536,6 +549,8 @@ BENCHMARK_TEMPLATE(BM_Pick_Exact, true)->UseRealTime()->Repetitions(5)->ReportAg
 BENCHMARK_TEMPLATE(BM_Pick_Exact, false)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK_TEMPLATE(BM_Pick_Fast, true)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK_TEMPLATE(BM_Pick_Fast, false)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(BM_Pick_FastWarm)->ArgName("rays")->Arg(256)->Arg(4096)->Arg(65536)->UseRealTime()->Repetitions(5)
+    ->ReportAggregatesOnly(true);
 BENCHMARK_TEMPLATE(BM_Batch_Fast, true)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)
     ->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK_TEMPLATE(BM_Batch_Fast, false)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)
@@ -545,6 +560,8 @@ BENCHMARK(BM_Build_Embree)->Unit(benchmark::kMillisecond)->UseRealTime()->MinWar
     ->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK_TEMPLATE(BM_Pick_Embree, true)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK_TEMPLATE(BM_Pick_Embree, false)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(BM_Pick_EmbreeWarm)->ArgName("rays")->Arg(256)->Arg(4096)->Arg(65536)->UseRealTime()->Repetitions(5)
+    ->ReportAggregatesOnly(true);
 BENCHMARK_TEMPLATE(BM_Batch_Embree, true)->ArgNames({"stream", "threads"})->ArgsProduct({{0, 1}, {1, 2}})
     ->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK_TEMPLATE(BM_Batch_Embree, false)->ArgNames({"stream", "threads"})->ArgsProduct({{0, 1}, {1, 2}})
