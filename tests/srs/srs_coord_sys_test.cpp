@@ -145,6 +145,11 @@ TEST(SRSCoordSys, FailuresAreEmptyWarnedOnceAndRemembered) {
     for (const auto& e : log.events()) warnings += e.message.rfind(before, 0) == 0 && e.level == 30000;
     EXPECT_EQ(warnings, 1);
   }
+  // PROJ reads an axis without a unit but cannot read the WKT it writes for it.
+  const std::wstring noUnit = Utf8String2WString(
+      R"({"type":"GeographicCRS","name":"WGS 84","datum":{"type":"GeodeticReferenceFrame","name":"World Geodetic System 1984","ellipsoid":{"name":"WGS 84","semi_major_axis":6378137,"inverse_flattening":298.257223563}},"coordinate_system":{"subtype":"ellipsoidal","axis":[{"name":"Geodetic latitude","abbreviation":"Lat","direction":"north","unit":"degree"},{"name":"Geodetic longitude","abbreviation":"Lon","direction":"east"}]}})");
+  EXPECT_FALSE(SRSCoordSys::Create(noUnit));
+  EXPECT_FALSE(SRSUtils::IsValid(noUnit));
 }
 
 // A system's WKT reads back as the same system: with the code registered

@@ -99,6 +99,16 @@ PjPtr CrsFromDefinition(PJ_CONTEXT* ctx, const std::wstring& s, std::wstring& er
     error = L"not a coordinate reference system: " + FromProj(proj_get_name(crs.get()));
     return nullptr;
   }
+  // PROJ reads some definitions whose WKT it then cannot read back (an axis
+  // without a unit, say). Such a system could not be stored or passed on.
+  const char* options[] = {"MULTILINE=NO", nullptr};
+  if (const char* wkt = proj_as_wkt(ctx, crs.get(), PJ_WKT2_2019, options)) {
+    if (!PjPtr(proj_create(ctx, wkt))) {
+      error = L"its WKT does not read back: " + TakeProjError(ctx);
+      return nullptr;
+    }
+  }
+  ClearProjError(ctx);  // a system PROJ cannot write as WKT is still a system
   return crs;
 }
 
