@@ -210,7 +210,7 @@ public:
     const std::size_t vertexCount = vertexCount_;
     Ref* const refs = refs_.get();
     std::uint32_t* const prims = prims_.get();
-    Group acc;
+    Group all;
     for (std::uint32_t i = 0; i < n; ++i) {
       const std::uint32_t* t = tri + 3 * std::size_t(i);
       if (t[0] >= vertexCount || t[1] >= vertexCount || t[2] >= vertexCount) Invalid("an index names no vertex");
@@ -225,10 +225,8 @@ public:
       r.lo[3] = r.hi[3] = 0.0f;
       refs[at] = r;
       prims[at] = i;
-      if (finite) Grow(acc, r);
+      if (finite) Grow(all, r);
     }
-    Group all;
-    all.box = acc.box, all.centres = acc.centres;
     all.end = live;
     wide_.reserve(n / 48 + 16);  // about what the benchmark tile needs
     boxes_.reserve((n / 48 + 16) * kWidth);

@@ -212,8 +212,7 @@ BBox<2, double> SRSCoordSys::GetBoundary() const {
 std::wstring SRSCoordSys::GetWkt() const {
   PJ_CONTEXT* ctx = detail::ThreadContext();
   PJ* crs = system_->crs.local();
-  const char* options[] = {"MULTILINE=NO", nullptr};
-  const char* wkt = crs == nullptr ? nullptr : proj_as_wkt(ctx, crs, PJ_WKT2_2019, options);
+  const char* wkt = crs == nullptr ? nullptr : detail::WriteWkt(ctx, crs);
   if (wkt == nullptr) {
     WarnGetter(L"GetWkt", system_->code, detail::TakeProjError(ctx));
     return {};

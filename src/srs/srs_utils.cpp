@@ -77,8 +77,7 @@ std::wstring SRSUtils::ConvertCoordinateSystemCodeToWkt(const std::wstring& code
     if (resolved.empty()) resolved = code;
   }
   PjPtr crs = detail::MakeCrs(ctx, resolved, fromDefinition, error);
-  const char* options[] = {"MULTILINE=NO", nullptr};
-  const char* wkt = crs ? proj_as_wkt(ctx, crs.get(), PJ_WKT2_2019, options) : nullptr;
+  const char* wkt = crs ? detail::WriteWkt(ctx, crs.get()) : nullptr;
   if (wkt == nullptr) {
     Warn(error.empty() ? detail::TakeProjError(ctx) : error);
     return {};

@@ -101,8 +101,7 @@ PjPtr CrsFromDefinition(PJ_CONTEXT* ctx, const std::wstring& s, std::wstring& er
   }
   // PROJ reads some definitions whose WKT it then cannot read back (an axis
   // without a unit, say). Such a system could not be stored or passed on.
-  const char* options[] = {"MULTILINE=NO", nullptr};
-  if (const char* wkt = proj_as_wkt(ctx, crs.get(), PJ_WKT2_2019, options)) {
+  if (const char* wkt = WriteWkt(ctx, crs.get())) {
     if (!PjPtr(proj_create(ctx, wkt))) {
       error = L"its WKT does not read back: " + TakeProjError(ctx);
       return nullptr;
@@ -110,6 +109,11 @@ PjPtr CrsFromDefinition(PJ_CONTEXT* ctx, const std::wstring& s, std::wstring& er
   }
   ClearProjError(ctx);  // a system PROJ cannot write as WKT is still a system
   return crs;
+}
+
+const char* WriteWkt(PJ_CONTEXT* ctx, PJ* crs) {
+  const char* options[] = {"MULTILINE=NO", nullptr};
+  return proj_as_wkt(ctx, crs, PJ_WKT2_2019, options);
 }
 
 PjPtr MakeCrs(PJ_CONTEXT* ctx, const std::wstring& s, bool& fromDefinition, std::wstring& error) {

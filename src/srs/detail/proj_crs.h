@@ -30,6 +30,9 @@ PjPtr CrsFromCode(PJ_CONTEXT* ctx, const std::wstring& s);
 PjPtr CrsFromDefinition(PJ_CONTEXT* ctx, const std::wstring& s, std::wstring& error);
 // CrsFromCode, then CrsFromDefinition. `fromDefinition` says which made it.
 PjPtr MakeCrs(PJ_CONTEXT* ctx, const std::wstring& s, bool& fromDefinition, std::wstring& error);
+// The WKT the library reports for `crs` (WKT2 2019, one line), owned by
+// `crs`; null with PROJ's error on ctx when PROJ cannot write it.
+const char* WriteWkt(PJ_CONTEXT* ctx, PJ* crs);
 
 // The library code of `crs`, else "AUTH:CODE" of a full-confidence match in
 // PROJ's database (EPSG preferred), else "".
