@@ -5,7 +5,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #if defined(__linux__)
@@ -31,6 +33,27 @@ inline void* AllocBlock(std::size_t bytes, std::size_t align) {
   if (huge) madvise(p, bytes, MADV_HUGEPAGE);  // advice only; failure is harmless
 #endif
   return p;
+}
+
+// Shrinks a block from AllocBlock to its first `bytes`, keeping them.
+// Large blocks are mappings of their own, which the allocator shortens
+// where they stand; otherwise the bytes move to a new block. Returns the
+// block to use; `p` is gone. Throws std::bad_alloc, and then `p` is freed.
+inline void* ShrinkBlock(void* p, std::size_t bytes, std::size_t align) {
+  bytes = bytes == 0 ? align : bytes;
+  void* q = std::realloc(p, bytes);
+  if (!q) q = p;  // may not shrink: the old block stands
+  if (reinterpret_cast<std::uintptr_t>(q) % align == 0) return q;
+  void* r = nullptr;
+  try {
+    r = AllocBlock(bytes, align);
+  } catch (...) {
+    std::free(q);
+    throw;
+  }
+  std::memcpy(r, q, bytes);
+  std::free(q);
+  return r;
 }
 
 struct BlockFree {
