@@ -54,8 +54,9 @@ constexpr int kBins = 16;
 // Groups larger than this bin every (n / kSample)-th triangle only: the
 // split is chosen from a sample, the partition still moves everyone.
 constexpr std::uint32_t kSample = 1024;
-// Groups of up to this many triangles bin along one axis only.
-constexpr std::uint32_t kAllAxes = 64;
+// Groups of up to this many triangles bin along one axis only (up to 64
+// built 3% faster but picked random rays 5% slower).
+constexpr std::uint32_t kAllAxes = 16;
 // Wide nodes deeper than this become leaves, so the walk's stack suffices.
 constexpr int kMaxDepth = 60;
 
