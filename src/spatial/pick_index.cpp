@@ -62,7 +62,9 @@ constexpr int kMaxDepth = 60;
 
 // Packets per grid cell, and the most column entries per packet before the
 // grid is made coarser (huge triangles would otherwise fill every cell).
-constexpr double kPacketsPerCell = 1.0;
+// Two packets a cell: vertical picks as fast as with one, or a little
+// faster, on half the grid's memory.
+constexpr double kPacketsPerCell = 2.0;
 constexpr double kMaxEntriesPerPacket = 16.0;
 
 using namespace detail::simd;
