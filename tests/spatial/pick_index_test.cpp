@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -11,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "spatial/detail/aligned_memory.h"
 #include "spatial/detail/pick_kernel.h"
 #include "spatial/soup.h"
 
@@ -274,6 +276,21 @@ TEST(PickIndex, RefusesIndicesNamingNoVertexAndAnswersNothingWhenEmpty) {
   float z;
   EXPECT_FALSE(idle.heightAt(0, 0, z));
   EXPECT_EQ(idle.getStats().bytes(), 0u);
+}
+
+// Large blocks are shortened where they stand, small ones may move; either
+// way the kept bytes and the alignment survive.
+TEST(PickIndex, ShrunkBlocksKeepTheirBytesAndAlignment) {
+  for (const std::size_t from : {std::size_t{1000}, std::size_t{9} << 20}) {
+    auto* p = static_cast<std::uint8_t*>(detail::AllocBlock(from, 64));
+    const std::size_t to = from / 3;
+    for (std::size_t i = 0; i < to; ++i) p[i] = std::uint8_t(i * 7);
+    std::unique_ptr<std::uint8_t[], detail::BlockFree> q(static_cast<std::uint8_t*>(detail::ShrinkBlock(p, to, 64)));
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(q.get()) % 64, 0u);
+    std::size_t same = 0;
+    for (std::size_t i = 0; i < to; ++i) same += q[i] == std::uint8_t(i * 7);
+    EXPECT_EQ(same, to) << from;
+  }
 }
 
 }  // namespace
